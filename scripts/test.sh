@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Builds and runs the whole suite twice: a normal build, then AddressSanitizer with
+# UndefinedBehaviorSanitizer. Threaded code runs a third time under ThreadSanitizer.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+cd "$root"
+bash scripts/setup.sh
+
+run_suite() {
+  local dir=$1
+  shift
+  echo "== $dir"
+  bash scripts/build.sh "$dir" -DEMBERLINE_WERROR=ON "$@"
+  (cd "$dir" && ctest --output-on-failure --timeout 300 -j "$(nproc)" ${CTEST_ARGS:-})
+}
+
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+export TSAN_OPTIONS=halt_on_error=1
+
+run_suite build/normal
+run_suite build/asan -DEMBERLINE_SANITIZE=ON -DEMBERLINE_BENCH=OFF
+CTEST_ARGS="-L threads" run_suite build/tsan -DEMBERLINE_TSAN=ON -DEMBERLINE_BENCH=OFF

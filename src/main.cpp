@@ -1,0 +1,70 @@
+#include <csignal>
+#include <string>
+
+#include "command_line.h"
+#include "emberline.h"
+#include "trace/perfetto.h"
+
+namespace {
+
+void on_stop_signal(int) { emberline::stop_flag = true; }
+
+void on_hangup(int) {
+  // The terminal is gone: keep what would have reached it, including the final messages.
+  emberline::utils::redirect_console_to_log();
+  emberline::stop_flag = true;
+}
+
+void register_plugins(emberline::Emberline& engine, const emberline::Settings& s) {
+  using emberline::PowerPath;
+  if (!s.no_power && s.continue_charging) {
+    engine.register_power_plugin(PowerPath::USB, s.use_window, s.window, s.exp_smooth);
+  }
+  if (!s.no_power) {
+    engine.register_power_plugin(PowerPath::BATTERY, s.use_window, s.window, s.exp_smooth);
+  }
+  if (s.example || s.all) engine.register_example_plugin();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::signal(SIGINT, on_stop_signal);
+  std::signal(SIGTERM, on_stop_signal);
+  std::signal(SIGHUP, on_hangup);
+
+  emberline::Settings settings;
+  if (auto exit_code = emberline::parse_command_line(argc, argv, settings, emberline::is_brantley,
+                                                     emberline::is_chipset2_device)) {
+    return *exit_code;
+  }
+
+  int exit_code = 0;
+  {
+    emberline::Emberline engine(settings.perfetto);
+    engine.set_continue_charging(settings.continue_charging);
+    engine.set_log_logcat(settings.logcat);
+    engine.set_quiet(settings.quiet);
+    if (settings.format() != emberline::OutputFormat::TEXT) {
+      engine.set_output_format(settings.format());
+    }
+    if (settings.wants_file()) engine.setup_file_output(settings.file);
+    engine.add_timestamp_fields();
+    if (settings.timing) engine.add_timing_fields();
+    register_plugins(engine, settings);
+
+    if (!engine.init(settings.time_plugins)) {
+      exit_code = 1;
+    } else if (settings.schema) {
+      engine.print_schema();
+    } else {
+      // On a headset the tracing service runs the session; here the run carries its own.
+      if (settings.perfetto || settings.dsp_trace) {
+        emberline::trace::start_session(emberline::trace::default_trace_path(), settings.quiet);
+      }
+      exit_code = engine.run(settings.time, settings.sample_rate, settings.output_rate);
+    }
+  }
+  emberline::trace::stop_session();
+  return exit_code;
+}

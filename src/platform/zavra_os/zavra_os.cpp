@@ -1,0 +1,100 @@
+#include "zavra_os/zavra_os.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#ifdef __ANDROID__
+#include <sys/system_properties.h>
+#endif
+
+namespace Zavra::OS {
+
+std::string findProperty(std::string_view build_prop, std::string_view key) {
+  std::string found;
+  std::size_t start = 0;
+  while (start < build_prop.size()) {
+    std::size_t end = build_prop.find('\n', start);
+    if (end == std::string_view::npos) end = build_prop.size();
+    std::string_view line = build_prop.substr(start, end - start);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    std::size_t equals = line.find('=');
+    if (equals != std::string_view::npos && line.substr(0, equals) == key) {
+      found = std::string(line.substr(equals + 1));
+    }
+    start = end + 1;
+  }
+  return found;
+}
+
+namespace {
+std::string readDeviceName() {
+#ifdef __ANDROID__
+  char value[PROP_VALUE_MAX] = {};
+  __system_property_get("ro.product.device", value);
+  return value;
+#else
+  auto text = File::ReadText("/system/build.prop", 1 << 20);
+  return text ? findProperty(*text, "ro.product.device") : std::string();
+#endif
+}
+}  // namespace
+
+const std::string& deviceName() {
+  static const std::string name = readDeviceName();
+  return name;
+}
+
+bool deviceIsFennick() { return deviceName() == "fennick"; }
+bool deviceIsMaplet() { return deviceName() == "maplet"; }
+bool deviceIsDorrin() { return deviceName() == "dorrin"; }
+bool deviceIsBrantley() { return deviceName() == "brantley"; }
+
+namespace File {
+
+std::optional<std::string> ReadText(const std::string& path, unsigned long limit) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  std::string text;
+  char buffer[4096];
+  // sysfs reports 4096 for every node, so the size is learned by reading to the end.
+  for (;;) {
+    ssize_t got = ::read(fd, buffer, sizeof buffer);
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      ::close(fd);
+      return std::nullopt;
+    }
+    if (got == 0) break;
+    text.append(buffer, static_cast<std::size_t>(got));
+    if (text.size() > limit) {
+      ::close(fd);
+      return std::nullopt;
+    }
+  }
+  ::close(fd);
+  return text;
+}
+
+int WriteText(const std::string& path, const std::string& text, bool append) {
+  int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | (append ? O_APPEND : O_TRUNC));
+  if (fd < 0) return errno;
+  std::size_t done = 0;
+  while (done < text.size()) {
+    ssize_t wrote = ::write(fd, text.data() + done, text.size() - done);
+    if (wrote < 0) {
+      if (errno == EINTR) continue;
+      int error = errno;
+      ::close(fd);
+      return error;
+    }
+    done += static_cast<std::size_t>(wrote);
+  }
+  if (::close(fd) != 0) return errno;
+  return 0;
+}
+
+}  // namespace File
+}  // namespace Zavra::OS

@@ -1,0 +1,52 @@
+#include "plugins/power_sampler.h"
+
+#include <iostream>
+
+namespace emberline {
+
+namespace {
+const char* const kBatteryDir = "/sys/class/power_supply/battery/";
+const char* const kUsbDir = "/sys/class/power_supply/usb/";
+
+FILE* open_or_complain(const std::string& path) {
+  FILE* file = std::fopen(path.c_str(), "re");
+  if (file == nullptr) std::cerr << "Failed to open file at '" << path << "'" << std::endl;
+  return file;
+}
+}  // namespace
+
+PowerSampler::PowerSampler(PowerPath path, bool usb_current_now) {
+  switch (path) {
+    case PowerPath::BATTERY:
+      current_path = std::string(kBatteryDir) + "current_now";
+      voltage_path = std::string(kBatteryDir) + "voltage_now";
+      break;
+    case PowerPath::USB:
+      current_path = std::string(kUsbDir) + (usb_current_now ? "current_now" : "input_current_now");
+      voltage_path = std::string(kUsbDir) + "voltage_now";
+      break;
+  }
+}
+
+PowerSampler::~PowerSampler() {
+  if (current_file != nullptr) std::fclose(current_file);
+  if (voltage_file != nullptr) std::fclose(voltage_file);
+}
+
+bool PowerSampler::init() {
+  current_file = open_or_complain(current_path);
+  if (current_file == nullptr) return false;
+  voltage_file = open_or_complain(voltage_path);
+  return voltage_file != nullptr;
+}
+
+void PowerSampler::read_sample() {
+  // rewind drops the stream's buffer, so the kernel formats a fresh value at offset 0.
+  std::rewind(current_file);
+  std::rewind(voltage_file);
+  [[maybe_unused]] int current_read = std::fscanf(current_file, "%ld", &current_raw);
+  [[maybe_unused]] int voltage_read = std::fscanf(voltage_file, "%ld", &voltage_raw);
+  power_watts = power_from_raw(current_raw, voltage_raw);
+}
+
+}  // namespace emberline

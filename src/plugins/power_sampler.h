@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+#include "emberline.h"
+#include "plugin.h"
+
+namespace emberline {
+
+// Reads one supply's current and voltage from files held open for the whole run.
+class PowerSampler : public Plugin {
+ public:
+  PowerSampler(PowerPath path, bool usb_current_now);
+  ~PowerSampler() override;
+  PowerSampler(const PowerSampler&) = delete;
+  PowerSampler& operator=(const PowerSampler&) = delete;
+
+  bool init() override;
+  // Rewinds and re-reads both files; a failed read keeps the previous number.
+  void read_sample();
+
+  long current_raw = 0;
+  long voltage_raw = 0;
+  float power_watts = 0.0f;
+
+ private:
+  FILE* current_file = nullptr;
+  FILE* voltage_file = nullptr;
+  std::string current_path;
+  std::string voltage_path;
+};
+
+// Watts from microamps and microvolts, in single precision and in this order, so that reports
+// match the arithmetic engineers reproduce by hand.
+inline float power_from_raw(long current_raw, long voltage_raw) {
+  return static_cast<float>(current_raw) / 1000000.0f * static_cast<float>(voltage_raw) /
+         1000000.0f;
+}
+
+}  // namespace emberline
