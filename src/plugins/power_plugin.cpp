@@ -69,6 +69,8 @@ bool PowerPlugin::on_emit_to_perfetto() {
 PowerWindowPlugin::PowerWindowPlugin(PowerPath path, unsigned int window_size,
                                      bool usb_current_now)
     : PowerPlugin(path, usb_current_now), window_size(window_size) {
+  // The ring still grows slot by slot, but never reallocates on the sample path.
+  samples.reserve(window_size);
   add_value("smooth", smooth,
             FieldOptions("Power value smoothed using a rolling average window of " +
                          std::to_string(window_size) +

@@ -36,8 +36,11 @@ PowerSampler::~PowerSampler() {
 bool PowerSampler::init() {
   current_file = open_or_complain(current_path);
   if (current_file == nullptr) return false;
+  std::setvbuf(current_file, current_buffer, _IOFBF, sizeof current_buffer);
   voltage_file = open_or_complain(voltage_path);
-  return voltage_file != nullptr;
+  if (voltage_file == nullptr) return false;
+  std::setvbuf(voltage_file, voltage_buffer, _IOFBF, sizeof voltage_buffer);
+  return true;
 }
 
 void PowerSampler::read_sample() {

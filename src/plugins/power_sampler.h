@@ -27,6 +27,9 @@ class PowerSampler : public Plugin {
  private:
   FILE* current_file = nullptr;
   FILE* voltage_file = nullptr;
+  // Stream buffers of our own, so that the first read does not allocate one.
+  char current_buffer[128] = {};
+  char voltage_buffer[128] = {};
   std::string current_path;
   std::string voltage_path;
 };

@@ -1,0 +1,217 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "emberline.h"
+
+namespace emberline {
+namespace {
+
+// Time stands still except where a sleep or a plugin's simulated work moves it.
+class FakeClock : public LoopClock {
+ public:
+  explicit FakeClock(std::int64_t start_us) : now(start_us) {}
+  std::int64_t now_us() override { return now; }
+  void sleep_for(std::chrono::nanoseconds duration) override {
+    sleeps.push_back(duration.count() / 1000000);
+    now += duration.count() / 1000;
+    if (jump_to) now = *std::exchange(jump_to, std::nullopt);
+  }
+  std::int64_t now;
+  std::optional<std::int64_t> jump_to;  // where the wall clock lands after the next sleep
+  std::vector<std::int64_t> sleeps;  // milliseconds
+};
+
+constexpr std::int64_t kStartUs = 1'700'000'000'000'000;
+
+// Records the loop-relative millisecond of every call, and can spend time or fail.
+class ProbePlugin : public Plugin {
+ public:
+  explicit ProbePlugin(FakeClock& clock) : clock(clock) {}
+  bool on_sample() override {
+    samples.push_back(relative_ms());
+    if (on_sample_hook) on_sample_hook(samples.size());
+    return sample_result;
+  }
+  bool on_output() override {
+    outputs.push_back(relative_ms());
+    if (on_output_hook) on_output_hook(outputs.size());
+    return true;
+  }
+  std::int64_t relative_ms() const { return (clock.now - kStartUs) / 1000; }
+
+  FakeClock& clock;
+  std::vector<std::int64_t> samples, outputs;
+  std::function<void(std::size_t)> on_sample_hook, on_output_hook;
+  bool sample_result = true;
+};
+
+struct Harness {
+  explicit Harness(bool perfetto = false) : engine(perfetto) {
+    clock = std::make_shared<FakeClock>(kStartUs);
+    probe = std::make_shared<ProbePlugin>(*clock);
+    engine.set_clock(clock);
+    engine.set_continue_charging(true);
+    engine.set_quiet(true);
+    engine.add_timestamp_fields();
+    engine.add_timing_fields();
+    engine.manager().add_plugin("probe", probe,
+                                PluginManager::PluginFieldOptions(std::nullopt, std::nullopt, false));
+    EXPECT_TRUE(engine.init(false));
+    stop_flag = false;
+  }
+  Emberline engine;
+  std::shared_ptr<FakeClock> clock;
+  std::shared_ptr<ProbePlugin> probe;
+};
+
+using Ms = std::vector<std::int64_t>;
+
+TEST(TimingLoop, TicksFallWhereTheirPeriodsPutThem) {
+  struct Case {
+    unsigned time, sample, output;
+    Ms samples, outputs;
+  } cases[] = {
+      // The first sample is immediate; the first report a whole output period later; the
+      // limit is tested after the output step, so the cycle past it still samples.
+      {2, 500, 1000, {0, 500, 1000, 1500, 2000, 2500}, {1000, 2000}},
+      {3, 300, 1000, {0, 300, 600, 900, 1200, 1500, 1800, 2100, 2400, 2700, 3000, 3300},
+       {1000, 2000, 3000}},
+      {1, 1000, 1000, {0, 1000, 2000}, {1000, 2000}},
+      {1, 10, 400, {}, {400, 800}},
+  };
+  for (const auto& c : cases) {
+    Harness h;
+    EXPECT_EQ(h.engine.run(c.time, c.sample, c.output), 0);
+    if (!c.samples.empty()) {
+      EXPECT_EQ(h.probe->samples, c.samples) << c.sample;
+    }
+    EXPECT_EQ(h.probe->outputs, c.outputs) << c.sample;
+  }
+}
+
+TEST(TimingLoop, LastCycleEndsWithoutSleeping) {
+  Harness h;
+  h.engine.run(2, 500, 1000);
+  EXPECT_EQ(h.clock->sleeps, (Ms{500, 500, 500, 500, 500}));
+}
+
+TEST(TimingLoop, WorkInsideACycleShortensTheWaitSoTicksStayOnPlan) {
+  Harness h;
+  h.probe->on_output_hook = [&](std::size_t) { h.clock->now += 30'000; };
+  h.probe->on_sample_hook = [&](std::size_t) { h.clock->now += 7'000; };
+  h.engine.run(3, 500, 1000);
+  EXPECT_EQ(h.probe->samples, (Ms{0, 500, 1000, 1500, 2000, 2500, 3000, 3500}));
+  EXPECT_EQ(h.probe->outputs, (Ms{1007, 2007, 3007}));
+  EXPECT_EQ(h.clock->sleeps, (Ms{493, 493, 463, 493, 463, 493, 463}));
+}
+
+TEST(TimingLoop, OverrunRunsCyclesBackToBackUntilCaughtUp) {
+  Harness h;
+  // The second sample takes 1200 ms: the next cycles start late and must not sleep.
+  h.probe->on_sample_hook = [&](std::size_t n) {
+    if (n == 2) h.clock->now += 1'200'000;
+  };
+  h.engine.run(3, 500, 1000);
+  EXPECT_EQ(h.probe->samples, (Ms{0, 500, 1700, 1700, 2000, 2500, 3000, 3500}));
+  EXPECT_EQ(h.probe->outputs, (Ms{1700, 2000, 3000}));
+  EXPECT_EQ(h.clock->sleeps, (Ms{500, 300, 500, 500, 500}));
+}
+
+TEST(TimingLoop, EndingConditions) {
+  {
+    Harness h;
+    stop_flag = true;
+    EXPECT_EQ(h.engine.run(0, 500, 1000), 0);
+    EXPECT_TRUE(h.probe->samples.empty());
+  }
+  {
+    Harness h;
+    h.probe->on_sample_hook = [&](std::size_t n) {
+      if (n == 4) stop_flag = true;
+    };
+    EXPECT_EQ(h.engine.run(0, 500, 1000), 0);
+    EXPECT_EQ(h.probe->samples.size(), 4u);
+  }
+  {
+    Harness h;
+    h.probe->on_sample_hook = [&](std::size_t n) { h.probe->sample_result = n < 3; };
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(h.engine.run(0, 500, 1000), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "ERROR: Sample update failed for plugin 'probe'\n");
+  }
+  {
+    // A clock stepped back to before the start makes the elapsed time huge: a run with a
+    // limit ends in that cycle.
+    Harness h;
+    h.probe->on_sample_hook = [&](std::size_t n) {
+      if (n == 2) h.clock->jump_to = kStartUs - 5'000'000;
+    };
+    EXPECT_EQ(h.engine.run(100, 500, 1000), 0);
+    EXPECT_EQ(h.probe->samples.size(), 3u);
+  }
+  stop_flag = false;
+}
+
+TEST(TimingLoop, ReportsCarryTheCycleStartAndTimingFields) {
+  Harness h;
+  h.engine.set_quiet(false);
+  h.probe->on_sample_hook = [&](std::size_t) { h.clock->now += 4'000; };
+  h.engine.set_output_format(OutputFormat::CSV);
+  testing::internal::CaptureStdout();
+  h.engine.run(2, 500, 1000);
+  // sample_time_ms is this cycle's; process, drift and wait are the cycle before's; an empty
+  // section still holds its (empty) column.
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "sequence,timestamp,device_timestamp,sample_time_ms,output_time_ms,process_time_ms,"
+            "drift_time_ms,wait_time_ms,\n"
+            "1,1.000,1700000001.000,4,0,4,0,496,\n"
+            "2,2.000,1700000002.000,4,0,4,0,496,\n");
+}
+
+TEST(TimingLoop, PerfettoModeUpdatesButPrintsNothingButTheCsvHeader) {
+  Harness h(true);
+  h.engine.set_quiet(false);
+  h.engine.set_output_format(OutputFormat::CSV);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(h.engine.run(2, 500, 1000), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "sequence,timestamp,device_timestamp,sample_time_ms,output_time_ms,process_time_ms,"
+            "drift_time_ms,wait_time_ms,\n");
+  EXPECT_EQ(h.probe->outputs.size(), 2u);
+}
+
+TEST(TimingLoop, StartMessagesAndChargingSettle) {
+  struct Case {
+    bool continue_charging;
+    unsigned time;
+    std::string messages;
+    Ms first_sleeps;
+  } cases[] = {
+      {true, 0, "Starting trace. \nPress CTRL-C to stop...\n\n\n", {500}},
+      {false, 7,
+       "Disabling charging...\nStarting 7 second trace. \nPress CTRL-C to stop...\n\n\n",
+       {1000, 500}},
+  };
+  for (const auto& c : cases) {
+    Harness h;
+    h.engine.set_quiet(false);
+    h.engine.set_continue_charging(c.continue_charging);
+    h.probe->on_sample_hook = [&](std::size_t n) {
+      if (n == 2) stop_flag = true;
+    };
+    testing::internal::CaptureStderr();
+    h.engine.run(c.time, 500, 1000);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), c.messages);
+    h.clock->sleeps.resize(c.first_sleeps.size());
+    EXPECT_EQ(h.clock->sleeps, c.first_sleeps);
+  }
+  stop_flag = false;
+}
+
+}  // namespace
+}  // namespace emberline
