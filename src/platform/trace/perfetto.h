@@ -4,11 +4,37 @@
 // that the tool calls. Events are encoded as Perfetto's public protobuf trace format.
 
 #include <atomic>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
 namespace perfetto {
+
+namespace protos::pbzero {
+// Clock domains a timestamp can be given in; the trace time is the monotonic clock.
+enum BuiltinClock : std::uint32_t {
+  BUILTIN_CLOCK_MONOTONIC = 3,
+  BUILTIN_CLOCK_BOOTTIME = 6,
+};
+}  // namespace protos::pbzero
+
+namespace protos::gen {
+class TrackDescriptor {
+ public:
+  void set_uuid(std::uint64_t value) { uuid_ = value; }
+  std::uint64_t uuid() const { return uuid_; }
+  void set_parent_uuid(std::uint64_t value) { parent_uuid_ = value; }
+  std::uint64_t parent_uuid() const { return parent_uuid_; }
+  void set_name(const std::string& value) { name_ = value; }
+  const std::string& name() const { return name_; }
+
+ private:
+  std::uint64_t uuid_ = 0;
+  std::uint64_t parent_uuid_ = 0;
+  std::string name_;
+};
+}  // namespace protos::gen
 
 class Track {
  public:
@@ -18,11 +44,28 @@ class Track {
   constexpr Track(std::uint64_t uuid, std::uint64_t parent_uuid)
       : uuid(uuid), parent_uuid(parent_uuid) {}
 
+  // A track chosen by the caller's own id below `parent`. The same id under the same parent is
+  // the same track; ids need only be unique among the parent's children.
+  Track(std::uint64_t id, const Track& parent);
+
+  // A descriptor naming nothing yet: the caller sets the name and hands it to
+  // TrackEvent::SetTrackDescriptor.
+  protos::gen::TrackDescriptor Serialize() const;
+
   std::uint64_t uuid;
   std::uint64_t parent_uuid;
 };
 
-// A counter track identified by a static name under the process track.
+class ProcessTrack : public Track {
+ public:
+  static ProcessTrack Current();
+
+ private:
+  ProcessTrack();
+};
+
+// A counter track identified by a static name under the process track. Tracks of equal name are
+// one track.
 class CounterTrack : public Track {
  public:
   explicit CounterTrack(const char* name);
@@ -30,16 +73,11 @@ class CounterTrack : public Track {
   const char* name;
 };
 
-namespace protos::gen {
-class TrackDescriptor {
- public:
-  void set_name(const std::string& value) { name_ = value; }
-  const std::string& name() const { return name_; }
-
- private:
-  std::string name_;
+// A point in time on one of the builtin clocks, in nanoseconds.
+struct TraceTimestamp {
+  std::uint32_t clock_id;
+  std::uint64_t value;
 };
-}  // namespace protos::gen
 
 namespace internal {
 
@@ -48,9 +86,7 @@ class TrackEventCategoryRegistry {
   static constexpr std::size_t kCategoryCount = 16;
 
   // The enabled state of one category: one byte, non-zero while a session records it.
-  std::atomic<std::uint8_t>* GetCategoryState(std::size_t index) const {
-    return &states_[index];
-  }
+  std::atomic<std::uint8_t>* GetCategoryState(std::size_t index) const { return &states_[index]; }
 
  private:
   mutable std::atomic<std::uint8_t> states_[kCategoryCount] = {};
@@ -72,14 +108,29 @@ struct DebugAnnotation {
 };
 
 // Writers for the event kinds the tool emits. Each call writes one packet; the first use of a
-// track in a session writes its descriptor first. Safe to call from several threads.
+// track in a session writes its descriptor (and its parent's) first. Safe to call from several
+// threads. Without a session they write nothing. Counter timestamps are trace time
+// (GetTraceTime); names and annotation names must outlive the call only.
 class TrackEvent {
  public:
   static void Counter(const CounterTrack& track, std::uint64_t timestamp, double value);
   static void Counter(const CounterTrack& track, std::uint64_t timestamp, std::int64_t value);
-  static void SliceBegin(const Track& track, std::uint64_t timestamp, const char* name,
-                         const DebugAnnotation* annotations, std::size_t annotation_count);
-  static void SliceEnd(const Track& track, std::uint64_t timestamp);
+  // Integer values of any width go out as integers, not doubles. Unsigned 64-bit values above
+  // INT64_MAX wrap.
+  template <std::integral T>
+  static void Counter(const CounterTrack& track, std::uint64_t timestamp, T value) {
+    Counter(track, timestamp, static_cast<std::int64_t>(value));
+  }
+
+  static void SliceBegin(const Track& track, TraceTimestamp timestamp, const char* name,
+                         const DebugAnnotation* annotations = nullptr,
+                         std::size_t annotation_count = 0);
+  static void SliceEnd(const Track& track, TraceTimestamp timestamp,
+                       const DebugAnnotation* annotations = nullptr,
+                       std::size_t annotation_count = 0);
+
+  // Names a custom track. Kept for the whole process: the descriptor goes out now if a session is
+  // recording, and on the track's first use in every later session.
   static void SetTrackDescriptor(const Track& track,
                                  const protos::gen::TrackDescriptor& descriptor);
 };
@@ -96,9 +147,11 @@ inline bool category_enabled() {
              ->load(std::memory_order_relaxed) != 0;
 }
 
-// The in-process session that stands in for the device's tracing service. Starting it enables
-// the category and opens the trace file; a failure to open leaves the category disabled.
-// Returns the path written, announced through `announce` unless quiet.
+// The in-process session that stands in for the device's tracing service. Starting it opens
+// (truncates) the trace file, announces it on stderr unless quiet, and enables the category; a
+// failure to open is reported the same way and leaves the category disabled. Starting while a
+// session runs ends that one first. Stopping disables the category and closes the file; it is
+// safe to call at any time, any number of times.
 bool start_session(const std::string& path, bool quiet);
 void stop_session();
 std::string default_trace_path();
