@@ -59,7 +59,9 @@ TEST(SamplePath, PowerPluginsNeitherAllocateNorOpen) {
       plugin->on_output();
     }
     EXPECT_EQ(allocations.load() - news, 0);
-    if (kHeapStatsReliable) EXPECT_EQ(mallinfo2().uordblks, heap);
+    if (kHeapStatsReliable) {
+      EXPECT_EQ(mallinfo2().uordblks, heap);
+    }
     EXPECT_EQ(open_descriptors(), descriptors);
   }
 }
