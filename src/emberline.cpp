@@ -31,7 +31,7 @@ std::string local_time_stamp() {
 
 namespace utils {
 
-LogBuffer log_buffer;
+LogBuffer& log_buffer = *new LogBuffer;
 
 std::streamsize LogBuffer::xsputn(const char* text, std::streamsize count) {
   std::string record(text, static_cast<std::size_t>(count));

@@ -37,7 +37,9 @@ class LogBuffer : public std::streambuf {
   int_type overflow(int_type c) override;
 };
 
-extern LogBuffer log_buffer;
+// Never destroyed: after a hangup the standard streams point at it until the runtime's very
+// last flush, which comes after every other static object has gone.
+extern LogBuffer& log_buffer;
 
 // Sends both console streams to the log; safe to call from a signal handler.
 void redirect_console_to_log();

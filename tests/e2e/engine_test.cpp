@@ -44,9 +44,7 @@ TEST(EndToEnd, ExampleReportsInEveryFormat) {
     args.insert(args.end(), c.extra.begin(), c.extra.end());
     auto result = run(args);
     EXPECT_EQ(result.exit_code, 0);
-    // A loaded machine may start a cycle a millisecond late; the report's shape may not change.
-    std::string out = std::regex_replace(mask_times(result.out), std::regex(R"(([12])\.00[0-9])"),
-                                         "$1.000");
+    std::string out = e2e::round_seconds(mask_times(result.out));
     EXPECT_EQ(out, c.out);
     EXPECT_EQ(result.err, kStartStop2s);
   }
@@ -61,7 +59,7 @@ TEST(EndToEnd, TimingFieldsStandBehindTheTimestampsAndPluginTimesAheadOfPlugins)
   EXPECT_EQ(out[0],
             "sequence,timestamp,device_timestamp,sample_time_ms,output_time_ms,process_time_ms,"
             "drift_time_ms,wait_time_ms,timing.example,example.num_samples,example.num_outputs");
-  EXPECT_TRUE(std::regex_match(out[1], std::regex(R"(1,1\.00\d,\d+\.\d{3},\d+,0,\d+,\d+,\d+,\d+\.\d,3,1)")))
+  EXPECT_TRUE(std::regex_match(out[1], std::regex(R"(1,\d\.\d{3},\d+\.\d{3},\d+,0,\d+,\d+,\d+,\d+\.\d,3,1)")))
       << out[1];
 }
 
@@ -118,14 +116,14 @@ TEST(EndToEnd, ReportFile) {
     EXPECT_TRUE(std::regex_match(files[0].filename().string(),
                                  std::regex(R"(emberline-\d{4}-\d\d-\d\d-\d\d-\d\d-\d\d\.csv)")));
     auto written = lines(e2e::read_file(files[0]));
-    ASSERT_EQ(written.size(), 3u);
+    ASSERT_EQ(written.size(), 2u);
     EXPECT_EQ(written[0], "sequence,timestamp,device_timestamp");
   }
   {
     auto result = run({"--no-power", "-c", "-t", "1", "--file", "/nonexistent/report.txt"});
     EXPECT_EQ(result.exit_code, 0);
     EXPECT_EQ(lines(result.err)[0], "Failed to open output file at '/nonexistent/report.txt'");
-    EXPECT_EQ(lines(result.out).size(), 4u);
+    EXPECT_EQ(lines(result.out).size(), 2u);
   }
   {
     auto result = run({"--no-power", "--schema", "--file", "/data/local/tmp/schema.txt"});

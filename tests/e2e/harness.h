@@ -110,4 +110,21 @@ inline std::string mask_times(std::string text) {
   return std::regex_replace(text, device_time, "<epoch>");
 }
 
+// Cycles are planned on whole milliseconds of the wall clock while the run's start is not, and a
+// loaded machine wakes late: "1.999" and "2.003" both mean the report at two seconds.
+inline std::string round_seconds(const std::string& text) {
+  static const std::regex seconds(R"(\b([0-9]{1,3})\.([0-9]{3})\b)");
+  std::string out;
+  auto last = text.cbegin();
+  for (std::sregex_iterator it(text.begin(), text.end(), seconds), end; it != end; ++it) {
+    out.append(last, (*it)[0].first);
+    const long millis = std::stol((*it)[1]) * 1000 + std::stol((*it)[2]);
+    const long whole = (millis + 500) / 1000;
+    out += std::abs(millis - whole * 1000) <= 20 ? std::to_string(whole) + ".000" : it->str();
+    last = (*it)[0].second;
+  }
+  out.append(last, text.cend());
+  return out;
+}
+
 }  // namespace e2e

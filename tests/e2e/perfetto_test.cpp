@@ -6,7 +6,7 @@
 #include <map>
 
 #include "harness.h"
-#include "unit/trace_decoder.h"
+#include "unit/trace_fixture.h"
 
 namespace {
 
@@ -42,31 +42,30 @@ TEST(Perfetto, PowerCountersReachTheTraceAtTheSampleRate) {
     ASSERT_NE(path, "");
     EXPECT_EQ(e2e::lines(result.err)[0], "Trace will be saved to '" + path + "'");
 
-    auto packets = trace_test::read_trace(path);
-    std::uint64_t process_uuid = 0;
+    using namespace trace_test;
+    auto packets = read_trace(path);
     std::map<std::uint64_t, std::string> names;
+    std::uint64_t process_uuid = 0;
+    for (const Message& track : check_trace(packets)) {
+      if (track.message(kProcess)) {
+        process_uuid = *track.varint(kUuid);
+        continue;
+      }
+      EXPECT_EQ(track.varint(kParent), process_uuid);
+      EXPECT_TRUE(track.message(kCounterInfo));
+      names[*track.varint(kUuid)] = track.text(kName).value_or("");
+    }
     std::map<std::string, std::vector<double>> values;
     std::uint64_t last_time = 0;
-    for (const auto& packet : packets) {
-      if (packet.descriptor) {
-        const auto& d = *packet.descriptor;
-        if (d.pid) {
-          process_uuid = d.uuid;
-        } else {
-          EXPECT_EQ(d.parent_uuid, process_uuid) << "process track must come first";
-          EXPECT_TRUE(d.counter);
-          names[d.uuid] = d.name.value_or("");
-        }
-      }
-      if (packet.event) {
-        ASSERT_EQ(packet.event->type, trace_test::kCounter);
-        ASSERT_TRUE(names.count(packet.event->track_uuid)) << "event before its descriptor";
-        ASSERT_TRUE(packet.event->double_value);
-        values[names[packet.event->track_uuid]].push_back(*packet.event->double_value);
-        ASSERT_TRUE(packet.timestamp);
-        EXPECT_GE(*packet.timestamp, last_time);
-        last_time = *packet.timestamp;
-      }
+    for (const Message& packet : packets) {
+      auto event = packet.message(kTrackEvent);
+      if (!event) continue;
+      EXPECT_EQ(event->varint(kType), kCounter);
+      ASSERT_TRUE(event->fixed_double(kDoubleValue));
+      values[names[*event->varint(kTrackUuid)]].push_back(*event->fixed_double(kDoubleValue));
+      EXPECT_EQ(packet.varint(kClockId), 3u);
+      EXPECT_GE(packet.varint(kTimestamp).value_or(0), last_time);
+      last_time = packet.varint(kTimestamp).value_or(0);
     }
     std::map<std::string, double> expected{
         {"Watts", 6.0}, {"Current", 1.5}, {"Voltage", 4.0}, {"Smoothed Power", 6.0}};
