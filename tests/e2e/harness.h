@@ -4,7 +4,10 @@
 // inside the simulated headset, where the device's paths exist.
 
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <poll.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -30,9 +33,22 @@ struct Result {
 struct Options {
   // Sent once the tool has announced its run on the standard error stream.
   int signal_after_start = 0;
-  // Runs the tool under this user id instead of root (for permission tests).
-  int uid = -1;
+  // Runs the tool as root without the right to override file permissions, so that a read-only
+  // node refuses it as it refuses an unprivileged shell on a headset.
+  bool without_dac_override = false;
 };
+
+// Root regains its capabilities at exec from the bounding set, the inheritable set and the
+// ambient set (which the sandbox fills), so the capability leaves all three.
+inline bool drop_dac_override_across_exec() {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct data[2]{};
+  if (syscall(SYS_capget, &header, data) != 0) return false;
+  data[0].inheritable &= ~(1u << CAP_DAC_OVERRIDE);
+  return syscall(SYS_capset, &header, data) == 0 &&
+         prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0) == 0 &&
+         prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE, 0, 0, 0) == 0;
+}
 
 inline Result run(const std::vector<std::string>& args, const Options& options = {}) {
   int out_pipe[2], err_pipe[2];
@@ -43,7 +59,7 @@ inline Result run(const std::vector<std::string>& args, const Options& options =
   if (pid == 0) {
     dup2(out_pipe[1], 1);
     dup2(err_pipe[1], 2);
-    if (options.uid >= 0 && (setgid(options.uid) != 0 || setuid(options.uid) != 0)) _exit(126);
+    if (options.without_dac_override && !drop_dac_override_across_exec()) _exit(126);
     std::vector<char*> argv;
     std::string binary = EMBERLINE_BINARY;
     argv.push_back(binary.data());
