@@ -168,6 +168,23 @@ int run(const RunOptions& options) {
   if (profile == nullptr) throw std::runtime_error("no profile named " + options.profile);
   Clock clock;
 
+  // Signals the caller has us ignore (nohup) stay ignored all the way down to COMMAND.
+  std::vector<int> forwarded;
+  for (int sig : kForwarded) {
+    struct sigaction current {};
+    if (::sigaction(sig, nullptr, &current) == 0 && current.sa_handler != SIG_IGN) {
+      forwarded.push_back(sig);
+    }
+  }
+  sigset_t handled, old_mask;
+  ::sigemptyset(&handled);
+  for (int sig : forwarded) ::sigaddset(&handled, sig);
+  ::sigaddset(&handled, SIGCHLD);
+  // Blocked from the start: one that comes during the layout is passed on once COMMAND runs.
+  ::sigprocmask(SIG_BLOCK, &handled, &old_mask);
+  UniqueFd signals(::signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK));
+  if (!signals) fail("cannot watch signals");
+
   std::optional<TemporaryDir> temporary;
   std::string state;
   if (options.state) {
@@ -183,22 +200,6 @@ int run(const RunOptions& options) {
   std::optional<LiveNodes> live;
   if (!options.frozen) live.emplace(*profile, state);
   WriteRecorder recorder(*profile, state);
-
-  // Signals the caller has us ignore (nohup) stay ignored all the way down to COMMAND.
-  std::vector<int> forwarded;
-  for (int sig : kForwarded) {
-    struct sigaction current {};
-    if (::sigaction(sig, nullptr, &current) == 0 && current.sa_handler != SIG_IGN) {
-      forwarded.push_back(sig);
-    }
-  }
-  sigset_t handled, old_mask;
-  ::sigemptyset(&handled);
-  for (int sig : forwarded) ::sigaddset(&handled, sig);
-  ::sigaddset(&handled, SIGCHLD);
-  ::sigprocmask(SIG_BLOCK, &handled, &old_mask);
-  UniqueFd signals(::signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK));
-  if (!signals) fail("cannot watch signals");
 
   int pair[2];
   if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0)
@@ -250,8 +251,10 @@ int run(const RunOptions& options) {
     if (fds[0].revents != 0) {
       pidfd = receive_start(control.get());
       control = UniqueFd();
-      for (int sig : pending) forward(sig);
-      pending.clear();
+      if (pidfd) {
+        for (int sig : pending) forward(sig);
+        pending.clear();
+      }
     }
     if (fds[1].revents != 0) {
       signalfd_siginfo info;
