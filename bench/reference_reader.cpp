@@ -2,6 +2,8 @@
 // tool's whole-process cost is compared against this.
 //   reference_reader SECONDS
 
+#include <stdio_ext.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -16,6 +18,8 @@ int main(int argc, char** argv) {
   timespec next{};
   clock_gettime(CLOCK_MONOTONIC, &next);
   for (long tick = 0; tick < seconds * 100; ++tick) {
+    __fpurge(current);  // else glibc's rewind may serve the old value from its buffer
+    __fpurge(voltage);
     std::rewind(current);
     std::rewind(voltage);
     if (std::fscanf(current, "%ld", &current_raw) != 1) return 1;

@@ -1,5 +1,7 @@
 #include "plugins/power_sampler.h"
 
+#include <stdio_ext.h>
+
 #include <iostream>
 
 namespace emberline {
@@ -44,7 +46,10 @@ bool PowerSampler::init() {
 }
 
 void PowerSampler::read_sample() {
-  // rewind drops the stream's buffer, so the kernel formats a fresh value at offset 0.
+  // The kernel formats a fresh value only for a read from offset 0. glibc's rewind keeps the
+  // buffer when offset 0 still lies in it, so the buffer is dropped first.
+  __fpurge(current_file);
+  __fpurge(voltage_file);
   std::rewind(current_file);
   std::rewind(voltage_file);
   [[maybe_unused]] int current_read = std::fscanf(current_file, "%ld", &current_raw);

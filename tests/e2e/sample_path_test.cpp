@@ -69,4 +69,21 @@ TEST(SamplePath, PowerPluginsNeitherAllocateNorOpen) {
   }
 }
 
+TEST(SamplePath, EveryReadSeesTheNodesCurrentValue) {
+  e2e::write_file("/sys/class/power_supply/battery/voltage_now", "4000000\n");
+  emberline::PowerExpSmoothPlugin plugin(emberline::PowerPath::BATTERY, 1.0f, false);
+  e2e::write_file("/sys/class/power_supply/battery/current_now", "1500000\n");
+  ASSERT_TRUE(plugin.init());
+  // Rewritten in place, as the kernel does; a stream that serves its old buffer fails by the
+  // second or third read.
+  for (const char* current : {"1500000", "-500000", "250000", "-1000000", "1"}) {
+    e2e::write_file("/sys/class/power_supply/battery/current_now", std::string(current) + "\n");
+    plugin.on_sample();
+    const float amps = std::stof(current) / 1e6f;
+    EXPECT_EQ(plugin.to_csv(), emberline::detail::fixed_point(amps * 4.0f, 3) + "," +
+                                   emberline::detail::fixed_point(amps, 3) + ",4.000," +
+                                   emberline::detail::fixed_point(amps * 4.0f, 3));
+  }
+}
+
 }  // namespace
