@@ -70,55 +70,41 @@ struct Harness {
 
 using Ms = std::vector<std::int64_t>;
 
-TEST(TimingLoop, TicksFallWhereTheirPeriodsPutThem) {
+TEST(TimingLoop, TicksFallOnPlanWhateverTheWorkCosts) {
+  constexpr std::int64_t kSkip = -1;  // sleeps not checked
   struct Case {
     unsigned time, sample, output;
-    Ms samples, outputs;
+    std::int64_t sample_cost_ms, output_cost_ms;
+    std::size_t slow_sample;  // this sample costs 1200 ms instead
+    Ms samples, outputs, sleeps;
   } cases[] = {
-      // The first sample is immediate; the first report a whole output period later; the
-      // limit is tested after the output step, so the cycle past it still samples.
-      {2, 500, 1000, {0, 500, 1000, 1500, 2000, 2500}, {1000, 2000}},
-      {3, 300, 1000, {0, 300, 600, 900, 1200, 1500, 1800, 2100, 2400, 2700, 3000, 3300},
-       {1000, 2000, 3000}},
-      {1, 1000, 1000, {0, 1000, 2000}, {1000, 2000}},
-      {1, 10, 400, {}, {400, 800}},
+      // The first sample is immediate, the first report a whole output period later; the limit
+      // is tested after the output step, so the cycle past it still samples, and never sleeps.
+      {2, 500, 1000, 0, 0, 0, {0, 500, 1000, 1500, 2000, 2500}, {1000, 2000},
+       {500, 500, 500, 500, 500}},
+      {3, 300, 1000, 0, 0, 0, {0, 300, 600, 900, 1200, 1500, 1800, 2100, 2400, 2700, 3000, 3300},
+       {1000, 2000, 3000}, {kSkip}},
+      {1, 1000, 1000, 0, 0, 0, {0, 1000, 2000}, {1000, 2000}, {kSkip}},
+      // Work inside a cycle shortens its wait, so ticks stay on plan.
+      {3, 500, 1000, 7, 30, 0, {0, 500, 1000, 1500, 2000, 2500, 3000, 3500}, {1007, 2007, 3007},
+       {493, 493, 463, 493, 463, 493, 463}},
+      // An overrun drops no tick: late cycles run back to back until the plan is caught up.
+      {3, 500, 1000, 0, 0, 2, {0, 500, 1700, 1700, 2000, 2500, 3000, 3500}, {1700, 2000, 3000},
+       {500, 300, 500, 500, 500}},
   };
   for (const auto& c : cases) {
     Harness h;
+    h.probe->on_sample_hook = [&](std::size_t n) {
+      h.clock->now += (n == c.slow_sample ? 1200 : c.sample_cost_ms) * 1000;
+    };
+    h.probe->on_output_hook = [&](std::size_t) { h.clock->now += c.output_cost_ms * 1000; };
     EXPECT_EQ(h.engine.run(c.time, c.sample, c.output), 0);
-    if (!c.samples.empty()) {
-      EXPECT_EQ(h.probe->samples, c.samples) << c.sample;
-    }
+    EXPECT_EQ(h.probe->samples, c.samples) << c.sample;
     EXPECT_EQ(h.probe->outputs, c.outputs) << c.sample;
+    if (c.sleeps[0] != kSkip) {
+      EXPECT_EQ(h.clock->sleeps, c.sleeps) << c.sample;
+    }
   }
-}
-
-TEST(TimingLoop, LastCycleEndsWithoutSleeping) {
-  Harness h;
-  h.engine.run(2, 500, 1000);
-  EXPECT_EQ(h.clock->sleeps, (Ms{500, 500, 500, 500, 500}));
-}
-
-TEST(TimingLoop, WorkInsideACycleShortensTheWaitSoTicksStayOnPlan) {
-  Harness h;
-  h.probe->on_output_hook = [&](std::size_t) { h.clock->now += 30'000; };
-  h.probe->on_sample_hook = [&](std::size_t) { h.clock->now += 7'000; };
-  h.engine.run(3, 500, 1000);
-  EXPECT_EQ(h.probe->samples, (Ms{0, 500, 1000, 1500, 2000, 2500, 3000, 3500}));
-  EXPECT_EQ(h.probe->outputs, (Ms{1007, 2007, 3007}));
-  EXPECT_EQ(h.clock->sleeps, (Ms{493, 493, 463, 493, 463, 493, 463}));
-}
-
-TEST(TimingLoop, OverrunRunsCyclesBackToBackUntilCaughtUp) {
-  Harness h;
-  // The second sample takes 1200 ms: the next cycles start late and must not sleep.
-  h.probe->on_sample_hook = [&](std::size_t n) {
-    if (n == 2) h.clock->now += 1'200'000;
-  };
-  h.engine.run(3, 500, 1000);
-  EXPECT_EQ(h.probe->samples, (Ms{0, 500, 1700, 1700, 2000, 2500, 3000, 3500}));
-  EXPECT_EQ(h.probe->outputs, (Ms{1700, 2000, 3000}));
-  EXPECT_EQ(h.clock->sleeps, (Ms{500, 300, 500, 500, 500}));
 }
 
 TEST(TimingLoop, EndingConditions) {
@@ -157,32 +143,25 @@ TEST(TimingLoop, EndingConditions) {
   stop_flag = false;
 }
 
-TEST(TimingLoop, ReportsCarryTheCycleStartAndTimingFields) {
-  Harness h;
-  h.engine.set_quiet(false);
-  h.probe->on_sample_hook = [&](std::size_t) { h.clock->now += 4'000; };
-  h.engine.set_output_format(OutputFormat::CSV);
-  testing::internal::CaptureStdout();
-  h.engine.run(2, 500, 1000);
-  // sample_time_ms is this cycle's; process, drift and wait are the cycle before's; an empty
-  // section still holds its (empty) column.
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "sequence,timestamp,device_timestamp,sample_time_ms,output_time_ms,process_time_ms,"
-            "drift_time_ms,wait_time_ms,\n"
-            "1,1.000,1700000001.000,4,0,4,0,496,\n"
-            "2,2.000,1700000002.000,4,0,4,0,496,\n");
-}
-
-TEST(TimingLoop, PerfettoModeUpdatesButPrintsNothingButTheCsvHeader) {
-  Harness h(true);
-  h.engine.set_quiet(false);
-  h.engine.set_output_format(OutputFormat::CSV);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(h.engine.run(2, 500, 1000), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "sequence,timestamp,device_timestamp,sample_time_ms,output_time_ms,process_time_ms,"
-            "drift_time_ms,wait_time_ms,\n");
-  EXPECT_EQ(h.probe->outputs.size(), 2u);
+TEST(TimingLoop, ReportsCarryTheCycleStartAndPerfettoModePrintsOnlyTheCsvHeader) {
+  const std::string header =
+      "sequence,timestamp,device_timestamp,sample_time_ms,output_time_ms,process_time_ms,"
+      "drift_time_ms,wait_time_ms,\n";
+  for (bool perfetto : {false, true}) {
+    Harness h(perfetto);
+    h.engine.set_quiet(false);
+    h.engine.set_output_format(OutputFormat::CSV);
+    h.probe->on_sample_hook = [&](std::size_t) { h.clock->now += 4'000; };
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(h.engine.run(2, 500, 1000), 0);
+    // sample_time_ms is this cycle's; process, drift and wait the cycle before's; the empty
+    // section keeps its (empty) column.
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              perfetto ? header
+                       : header + "1,1.000,1700000001.000,4,0,4,0,496,\n"
+                                  "2,2.000,1700000002.000,4,0,4,0,496,\n");
+    EXPECT_EQ(h.probe->outputs.size(), 2u);
+  }
 }
 
 TEST(TimingLoop, StartMessagesAndChargingSettle) {
