@@ -8,28 +8,21 @@
 namespace emberline {
 
 namespace {
+enum Counter { kWatts, kCurrent, kVoltage, kSmoothed };
+
 // Tracks are shared by name: both supplies feed the same four counters.
-const perfetto::CounterTrack& watts_track() {
-  static const perfetto::CounterTrack track("Watts");
-  return track;
-}
-const perfetto::CounterTrack& current_track() {
-  static const perfetto::CounterTrack track("Current");
-  return track;
-}
-const perfetto::CounterTrack& voltage_track() {
-  static const perfetto::CounterTrack track("Voltage");
-  return track;
-}
-const perfetto::CounterTrack& smoothed_track() {
-  static const perfetto::CounterTrack track("Smoothed Power");
-  return track;
+const perfetto::CounterTrack& track(Counter counter) {
+  static const perfetto::CounterTrack tracks[] = {
+      perfetto::CounterTrack("Watts"), perfetto::CounterTrack("Current"),
+      perfetto::CounterTrack("Voltage"), perfetto::CounterTrack("Smoothed Power")};
+  return tracks[counter];
 }
 
 // The enabled byte is loaded before anything else, so a disabled trace point costs one load.
-void emit(const perfetto::CounterTrack& (*track)(), const float& value) {
+void emit(Counter counter, const float& value) {
   if (!trace::category_enabled()) return;
-  perfetto::TrackEvent::Counter(track(), perfetto::internal::TrackEventInternal::GetTraceTime(),
+  perfetto::TrackEvent::Counter(track(counter),
+                                perfetto::internal::TrackEventInternal::GetTraceTime(),
                                 static_cast<double>(value));
 }
 }  // namespace
@@ -60,9 +53,9 @@ bool PowerPlugin::on_output() {
 }
 
 bool PowerPlugin::on_emit_to_perfetto() {
-  emit(watts_track, raw->value);
-  emit(current_track, current->value);
-  emit(voltage_track, voltage->value);
+  emit(kWatts, raw->value);
+  emit(kCurrent, current->value);
+  emit(kVoltage, voltage->value);
   return true;
 }
 
@@ -111,7 +104,7 @@ bool PowerWindowPlugin::update() {
 
 bool PowerWindowPlugin::on_emit_to_perfetto() {
   PowerPlugin::on_emit_to_perfetto();
-  emit(smoothed_track, smooth->value);
+  emit(kSmoothed, smooth->value);
   return true;
 }
 
@@ -136,7 +129,7 @@ void PowerExpSmoothPlugin::take_reading() {
 
 bool PowerExpSmoothPlugin::on_emit_to_perfetto() {
   PowerPlugin::on_emit_to_perfetto();
-  emit(smoothed_track, smooth->value);
+  emit(kSmoothed, smooth->value);
   return true;
 }
 
