@@ -138,7 +138,6 @@ TEST(EndToEnd, ExitCodes) {
     int exit_code;
     std::string err_start;
   } cases[] = {
-      {{"-s", "2000", "-o", "1000"}, 1, "Sample rate must be smaller than or equal to output rate.\n"},
       {{"--help"}, 0, ""},
       {{"--bogus"}, 109, "The following argument was not expected: --bogus\n"},
       {{"-t", "36001"}, 105, "--time: Value 36001 not in range 0 to 36000\n"},

@@ -51,14 +51,11 @@ TEST(CommandLine, AcceptedSettings) {
       {{"--inline"}, kGeneric, [](const Settings& s) { return s.format() == OutputFormat::INLINE; }},
       {{"-f", "--file", "/a/b"}, kGeneric,
        [](const Settings& s) { return s.wants_file() && s.file == "/a/b"; }},
-      {{"-f"}, kGeneric, [](const Settings& s) { return s.wants_file() && s.file.empty(); }},
       {{"-w", "40"}, kGeneric, [](const Settings& s) { return s.use_window && s.window == 40; }},
       {{"-e", "0.5", "-w", "40"}, kGeneric,
        [](const Settings& s) { return !s.use_window && s.exp_smooth == 0.5f; }},
       // An explicit default still counts as having asked for smoothing.
       {{"-e", "0.2"}, kGeneric, [](const Settings& s) { return !s.use_window; }},
-      {{"--tail", "/x", "/y"}, kGeneric,
-       [](const Settings& s) { return s.tail == std::vector<std::string>{"/x", "/y"}; }},
       {{"--quillon-dram-ms=20"}, kChipset2,
        [](const Settings& s) { return s.quillon_dram_ms == 20; }},
       {{"--quillon-dram"}, kChipset2,
@@ -81,13 +78,10 @@ TEST(CommandLine, RefusedSettingsEndTheProgram) {
     Device device;
   } cases[] = {
       {{"-t", "36001"}, kGeneric},
-      {{"-s", "9"}, kGeneric},
       {{"-e", "1.5"}, kGeneric},
-      {{"-w", "0"}, kGeneric},
       {{"-t", "abc"}, kGeneric},
       {{"--bogus"}, kGeneric},
       {{"--quillon-dram"}, kGeneric},
-      {{"--quillon-rails"}, kBrantley},
       {{"--brantley-rails"}, kChipset2},
       {{"--quillon-dram-ms=0"}, kChipset2},
       // Values of options declared ahead of --ignore-error are taken before it is known.
