@@ -9,7 +9,7 @@
 #include <filesystem>
 #include <string>
 
-#include "trace/perfetto.h"
+#include "platform/trace/perfetto.h"
 
 namespace {
 

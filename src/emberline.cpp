@@ -12,13 +12,8 @@
 
 #include "plugins/example_plugin.h"
 #include "plugins/power_plugin.h"
-#include "zavra_os/zavra_os.h"
 
 namespace emberline {
-
-const bool is_brantley = Zavra::OS::deviceIsBrantley();
-const bool is_chipset2_device =
-    Zavra::OS::deviceIsFennick() || Zavra::OS::deviceIsMaplet() || Zavra::OS::deviceIsDorrin();
 
 std::atomic<bool> stop_flag{false};
 
@@ -27,6 +22,10 @@ std::string local_time_stamp() {
   char text[32] = {};
   std::strftime(text, sizeof text, "%Y-%m-%d-%H-%M-%S", std::localtime(&now));
   return text;
+}
+
+std::string default_trace_path() {
+  return std::string(kDefaultOutputDirectory) + kFileStem + local_time_stamp() + ".perfetto-trace";
 }
 
 namespace utils {

@@ -11,14 +11,9 @@
 #include <vector>
 
 #include "plugin.h"
+#include "plugins/power_sampler.h"
 
 namespace emberline {
-
-enum class PowerPath : std::int32_t { BATTERY = 0, USB = 1 };
-
-// Fixed before main from the device's identity.
-extern const bool is_brantley;
-extern const bool is_chipset2_device;
 
 // Set by the signal handlers, read by the timing loop.
 extern std::atomic<bool> stop_flag;
@@ -28,6 +23,9 @@ inline constexpr const char* kFileStem = "emberline-";
 
 // Local time as used in default file names: %Y-%m-%d-%H-%M-%S.
 std::string local_time_stamp();
+
+// Where a run's own trace session writes: the report directory, .perfetto-trace.
+std::string default_trace_path();
 
 namespace utils {
 // Turns console output into log records after a hangup: one record per insertion.

@@ -3,7 +3,7 @@
 
 #include "command_line.h"
 #include "emberline.h"
-#include "trace/perfetto.h"
+#include "platform/trace/perfetto.h"
 
 namespace {
 
@@ -60,7 +60,7 @@ int main(int argc, char** argv) {
     } else {
       // On a headset the tracing service runs the session; here the run carries its own.
       if (settings.perfetto || settings.dsp_trace) {
-        emberline::trace::start_session(emberline::trace::default_trace_path(), settings.quiet);
+        emberline::trace::start_session(emberline::default_trace_path(), settings.quiet);
       }
       exit_code = engine.run(settings.time, settings.sample_rate, settings.output_rate);
     }

@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <iostream>
 
-#include "zavra_os/zavra_os.h"
+#include "platform/zavra_os/zavra_os.h"
 
 namespace emberline {
 
@@ -248,6 +248,10 @@ bool PluginManager::on_output() {
   }
   return true;
 }
+
+const bool is_brantley = Zavra::OS::deviceIsBrantley();
+const bool is_chipset2_device =
+    Zavra::OS::deviceIsFennick() || Zavra::OS::deviceIsMaplet() || Zavra::OS::deviceIsDorrin();
 
 std::shared_ptr<FileReader> file_reader = std::make_shared<FileReader>();
 

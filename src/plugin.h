@@ -206,6 +206,10 @@ class PluginManager : public Section {
   std::shared_ptr<TimingSection> timing_section;
 };
 
+// The device generation, fixed before main from the device's identity.
+extern const bool is_brantley;
+extern const bool is_chipset2_device;
+
 // Replaceable so that tests can stand in for the file system.
 class FileReader {
  public:

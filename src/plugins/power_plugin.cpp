@@ -3,7 +3,7 @@
 #include <cmath>
 #include <string>
 
-#include "trace/perfetto.h"
+#include "platform/trace/perfetto.h"
 
 namespace emberline {
 

@@ -1,12 +1,15 @@
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
-#include "emberline.h"
 #include "plugin.h"
 
 namespace emberline {
+
+// The supply a power plugin measures.
+enum class PowerPath : std::int32_t { BATTERY = 0, USB = 1 };
 
 // Reads one supply's current and voltage from files held open for the whole run.
 class PowerSampler : public Plugin {

@@ -16,7 +16,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "trace/perfetto.h"
+#include "platform/trace/perfetto.h"
 
 namespace trace_test {
 

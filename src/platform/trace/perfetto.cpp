@@ -1,4 +1,4 @@
-#include "trace/perfetto.h"
+#include "platform/trace/perfetto.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -9,8 +9,7 @@
 #include <mutex>
 #include <unordered_map>
 
-#include "emberline.h"
-#include "trace/proto_writer.h"
+#include "platform/trace/proto_writer.h"
 
 namespace perfetto {
 namespace internal {
@@ -446,10 +445,6 @@ void stop_session() {
   perfetto::State& s = perfetto::state();
   std::lock_guard lock(s.mutex);
   perfetto::end_recording(s);
-}
-
-std::string default_trace_path() {
-  return std::string(kDefaultOutputDirectory) + kFileStem + local_time_stamp() + ".perfetto-trace";
 }
 
 }  // namespace emberline::trace

@@ -154,6 +154,5 @@ inline bool category_enabled() {
 // safe to call at any time, any number of times.
 bool start_session(const std::string& path, bool quiet);
 void stop_session();
-std::string default_trace_path();
 
 }  // namespace emberline::trace

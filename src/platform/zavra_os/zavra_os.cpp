@@ -1,4 +1,4 @@
-#include "zavra_os/zavra_os.h"
+#include "platform/zavra_os/zavra_os.h"
 
 #include <fcntl.h>
 #include <unistd.h>
