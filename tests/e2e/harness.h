@@ -3,29 +3,28 @@
 // Runs the real emberline binary as a child process and collects what it wrote. Meant to run
 // inside the simulated headset, where the device's paths exist.
 
-#include <fcntl.h>
 #include <linux/capability.h>
-#include <poll.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <fstream>
+#include <algorithm>
 #include <functional>
 #include <regex>
-#include <sstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "support/process.h"
+
 namespace e2e {
+
+using test_support::lines;
+using test_support::read_file;
+using test_support::write_file;
 
 struct Result {
   int exit_code = -1;  // -1 when the tool died by a signal
+  int signal = 0;      // the signal that ended it, if one did
   std::string out;
   std::string err;
 };
@@ -36,6 +35,12 @@ struct Options {
   // Runs the tool as root without the right to override file permissions, so that a read-only
   // node refuses it as it refuses an unprivileged shell on a headset.
   bool without_dac_override = false;
+  // Stops reading the tool's reports after this many lines, as `| head -N` would.
+  std::size_t close_out_after_lines = 0;
+  // A fatal signal leaves no core file behind in the test's directory.
+  bool without_core_dump = false;
+  // Sees everything the tool has written so far on each of its output streams, as it comes.
+  std::function<void(const std::string& out, const std::string& err)> watch;
 };
 
 // Root regains its capabilities at exec from the bounding set, the inheritable set and the
@@ -51,73 +56,32 @@ inline bool drop_dac_override_across_exec() {
 }
 
 inline Result run(const std::vector<std::string>& args, const Options& options = {}) {
-  int out_pipe[2], err_pipe[2];
-  if (pipe2(out_pipe, O_CLOEXEC) != 0 || pipe2(err_pipe, O_CLOEXEC) != 0) {
-    throw std::runtime_error("pipe");
-  }
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(out_pipe[1], 1);
-    dup2(err_pipe[1], 2);
-    if (options.without_dac_override && !drop_dac_override_across_exec()) _exit(126);
-    std::vector<char*> argv;
-    std::string binary = EMBERLINE_BINARY;
-    argv.push_back(binary.data());
-    for (const auto& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    execv(binary.c_str(), argv.data());
-    _exit(127);
-  }
-  close(out_pipe[1]);
-  close(err_pipe[1]);
-
-  Result result;
-  bool signalled = options.signal_after_start == 0;
-  pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
-  int open_streams = 2;
-  while (open_streams > 0) {
-    if (poll(fds, 2, -1) < 0) continue;
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-      char buffer[4096];
-      ssize_t got = read(fds[i].fd, buffer, sizeof buffer);
-      if (got <= 0) {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-        --open_streams;
-        continue;
-      }
-      (i == 0 ? result.out : result.err).append(buffer, static_cast<std::size_t>(got));
+  std::vector<std::string> argv{EMBERLINE_BINARY};
+  argv.insert(argv.end(), args.begin(), args.end());
+  test_support::Launch launch;
+  launch.in_child = [&options] {
+    if (options.without_core_dump) {
+      rlimit none{0, 0};
+      setrlimit(RLIMIT_CORE, &none);
     }
-    if (!signalled && result.err.find("Press CTRL-C to stop...\n") != std::string::npos) {
+    return !options.without_dac_override || drop_dac_override_across_exec();
+  };
+  bool signalled = options.signal_after_start == 0;
+  std::string out, err;
+  std::size_t out_lines = 0;
+  launch.on_output = [&](pid_t pid, int fd, const std::string& piece) {
+    (fd == 1 ? out : err) += piece;
+    if (fd == 1)
+      out_lines += static_cast<std::size_t>(std::count(piece.begin(), piece.end(), '\n'));
+    if (options.watch) options.watch(out, err);
+    if (!signalled && err.find("Press CTRL-C to stop...\n") != std::string::npos) {
       kill(pid, options.signal_after_start);
       signalled = true;
     }
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return result;
-}
-
-inline void write_file(const std::string& path, const std::string& text) {
-  std::ofstream file(path, std::ios::trunc);
-  file << text;
-  if (!file) throw std::runtime_error("cannot write " + path);
-}
-
-inline std::string read_file(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
-
-inline std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> result;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) result.push_back(line);
-  return result;
+    return options.close_out_after_lines == 0 || out_lines < options.close_out_after_lines;
+  };
+  test_support::Outcome o = test_support::run_process(argv, launch);
+  return {o.exit_code, o.signal, std::move(o.out), std::move(o.err)};
 }
 
 // Reports carry wall-clock times; tests compare them in this shape.

@@ -15,6 +15,7 @@
 #include "model.h"
 #include "profile.h"
 #include "state_dir.h"
+#include "support/process.h"
 #include "write_recorder.h"
 
 namespace emberline::sim {
@@ -22,11 +23,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string read_file(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
+using test_support::read_file;
 
 // The headset in-process: its model stepped by hand, its files laid out, the writes into them.
 
@@ -145,30 +142,24 @@ struct Outcome {
 // `env` entries (NAME=VALUE) win over this process's; `during` gets the sim's pid while it runs.
 Outcome run_sim(std::vector<std::string> args, std::vector<std::string> env = {},
                 const std::function<void(pid_t)>& during = {}) {
-  TemporaryDir dir;
   args.insert(args.begin(), SIM_BINARY);
-  std::vector<char*> argv;
-  for (std::string& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  std::string output = dir.path() + "/output";
-  pid_t pid = fork();
-  if (pid == 0) {
-    for (std::string& e : env) putenv(e.data());
-    int fd = open(output.c_str(), O_WRONLY | O_CREAT, 0644);
-    dup2(fd, 1);
-    dup2(fd, 2);
-    // The sim passes on only the signals its caller does not ignore.
-    for (int sig : {SIGINT, SIGTERM, SIGHUP}) signal(sig, SIG_DFL);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  if (during) during(pid);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(output)};
+  test_support::Launch launch;
+  launch.env = std::move(env);
+  launch.on_start = during;
+  test_support::Outcome o = test_support::run_process(args, launch);
+  return {o.exit_code, o.out + o.err};
 }
 
-TEST(SandboxTest, CommandSeesTheHeadsetAndTheHostKeepsNothingOfTheRun) {
+// Cases that need the sandbox itself.
+class SandboxTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (const auto& reason = test_support::sandbox_unavailable(SIM_BINARY)) GTEST_SKIP() << *reason;
+  }
+};
+using SandboxThreaded = SandboxTest;
+
+TEST_F(SandboxTest, CommandSeesTheHeadsetAndTheHostKeepsNothingOfTheRun) {
   TemporaryDir tmp;
   std::string pid = std::to_string(getpid()), token = "emberline-sim-" + pid, seconds = "99" + pid;
   std::string places = tmp.path() +
@@ -198,7 +189,7 @@ TEST(SandboxTest, CommandSeesTheHeadsetAndTheHostKeepsNothingOfTheRun) {
   }
 }
 
-TEST(SandboxTest, WritesDriveTheModelAndAreLoggedUpToTheLastBeforeExit) {
+TEST_F(SandboxTest, WritesDriveTheModelAndAreLoggedUpToTheLastBeforeExit) {
   TemporaryDir state;
   Outcome o = run_sim(
       {"run", "--profile=fennick", "--state", state.path(), "--", "sh", "-c",
@@ -214,7 +205,7 @@ TEST(SandboxTest, WritesDriveTheModelAndAreLoggedUpToTheLastBeforeExit) {
   EXPECT_EQ(writes, (std::vector{n + " 0 31", n + " 0 30", n + " 3 31"}));
 }
 
-TEST(SandboxTest, ExitStatusIsTheCommandsAndSignalsReachIt) {
+TEST_F(SandboxTest, ExitStatusIsTheCommandsAndSignalsReachIt) {
   // A signal that is not passed on fails the case in ten seconds or so, rather than hanging it.
   const char* wait = "touch $EMBERLINE_SIM_STATE/ready; for i in $(seq 1000); do sleep 0.01; done";
   // The signal sent once COMMAND is ready, what COMMAND does, the sim's status.
@@ -248,7 +239,7 @@ TEST(SandboxFailureTest, NoNamespaceIsAClearErrorAndNoCommandIs127) {
   EXPECT_EQ(run_sim({"run", "--", "no-such-command-here"}).status, 127);
 }
 
-TEST(SandboxThreaded, SanitizerRuntimesWorkInside) {
+TEST_F(SandboxThreaded, SanitizerRuntimesWorkInside) {
   Outcome o = run_sim({"run", "--frozen", "--", SIM_PROBE},
                       {"ASAN_OPTIONS=detect_leaks=1", "TSAN_OPTIONS=halt_on_error=0"});
   EXPECT_EQ(o.output.find("child failed"), std::string::npos) << o.output;

@@ -1,0 +1,57 @@
+// Each end-to-end test binary runs itself inside a fresh, frozen simulated headset of its own.
+// Listing the tests needs no headset, so the build never depends on the sandbox; where it cannot
+// be made, every test is reported as skipped with the reason.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "support/process.h"
+
+namespace {
+
+constexpr const char* kInsideVariable = "EMBERLINE_E2E_INSIDE_SIM";
+
+class SkipEverything : public testing::Environment {
+ public:
+  explicit SkipEverything(std::string reason) : reason(std::move(reason)) {}
+  void SetUp() override { GTEST_SKIP() << reason; }
+
+ private:
+  std::string reason;
+};
+
+bool only_listing(const std::vector<std::string>& args) {
+  for (const auto& arg : args) {
+    if (std::string_view(arg).starts_with("--gtest_list_tests")) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Google Test takes its own flags out of argv, and the run inside the sim needs them too.
+  const std::vector<std::string> original(argv + 1, argv + argc);
+  testing::InitGoogleTest(&argc, argv);
+  if (std::getenv(kInsideVariable) == nullptr && !only_listing(original)) {
+    if (const auto& reason = test_support::sandbox_unavailable(EMBERLINE_SIM)) {
+      testing::AddGlobalTestEnvironment(new SkipEverything(*reason));
+    } else {
+      std::vector<std::string> args{EMBERLINE_SIM, "run", "--frozen", "--profile",
+                                    E2E_PROFILE,   "--",  argv[0]};
+      args.insert(args.end(), original.begin(), original.end());
+      std::vector<char*> exec_argv;
+      for (auto& arg : args) exec_argv.push_back(arg.data());
+      exec_argv.push_back(nullptr);
+      setenv(kInsideVariable, "1", 1);
+      execv(EMBERLINE_SIM, exec_argv.data());
+      return 127;
+    }
+  }
+  return RUN_ALL_TESTS();
+}
