@@ -36,10 +36,6 @@ constexpr int kForwarded[] = {SIGINT, SIGTERM, SIGHUP};
 // After a stall the model catches up at most this many steps at once, rather than replaying it.
 constexpr std::uint64_t kMaxCatchUpSteps = 100;
 
-[[noreturn]] void fail(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
 std::string absolute(const std::string& path) {
   char* resolved = ::realpath(path.c_str(), nullptr);
   if (resolved == nullptr) fail("cannot resolve " + path);
@@ -133,22 +129,10 @@ pid_t spawn(const std::string& program, std::vector<std::string>& argv,
 // The launcher's message that COMMAND is about to start, with a pidfd for it. Returns the pidfd
 // (or an empty one if the kernel has none to give), or nothing if no message has come.
 std::optional<UniqueFd> receive_start(int control) {
-  char byte;
-  iovec iov{&byte, 1};
-  alignas(cmsghdr) char buf[CMSG_SPACE(sizeof(int))] = {};
-  msghdr msg{};
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
-  msg.msg_control = buf;
-  msg.msg_controllen = sizeof buf;
-  if (::recvmsg(control, &msg, MSG_DONTWAIT | MSG_CMSG_CLOEXEC) != 1) return std::nullopt;
-  UniqueFd pidfd;
-  if (cmsghdr* cmsg = CMSG_FIRSTHDR(&msg); cmsg != nullptr && cmsg->cmsg_type == SCM_RIGHTS) {
-    int fd;
-    std::memcpy(&fd, CMSG_DATA(cmsg), sizeof fd);
-    pidfd = UniqueFd(fd);
-  }
-  return pidfd;
+  StartMessage message;
+  if (::recvmsg(control, message.get(), MSG_DONTWAIT | MSG_CMSG_CLOEXEC) != 1) return std::nullopt;
+  int fd = message.attached();
+  return fd >= 0 ? UniqueFd(fd) : UniqueFd();
 }
 
 class Clock {

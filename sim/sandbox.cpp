@@ -78,6 +78,29 @@ void add_proc(std::vector<std::string>& a, const std::string& state) {
 
 }  // namespace
 
+StartMessage::StartMessage() {
+  msg_.msg_iov = &iov_;
+  msg_.msg_iovlen = 1;
+  msg_.msg_control = control_;
+  msg_.msg_controllen = sizeof control_;
+}
+
+void StartMessage::attach(int fd) {
+  cmsghdr* cmsg = CMSG_FIRSTHDR(&msg_);
+  cmsg->cmsg_level = SOL_SOCKET;
+  cmsg->cmsg_type = SCM_RIGHTS;
+  cmsg->cmsg_len = CMSG_LEN(sizeof(int));
+  std::memcpy(CMSG_DATA(cmsg), &fd, sizeof fd);
+}
+
+int StartMessage::attached() const {
+  const cmsghdr* cmsg = CMSG_FIRSTHDR(&msg_);
+  if (cmsg == nullptr || cmsg->cmsg_type != SCM_RIGHTS) return -1;
+  int fd;
+  std::memcpy(&fd, CMSG_DATA(cmsg), sizeof fd);
+  return fd;
+}
+
 std::vector<std::string> bwrap_options(const SandboxPlan& plan) {
   // A pid namespace of its own, so that COMMAND's end tears down whatever it left running and
   // /proc/<pid> stays within reach. Root keeps what a headset's root has, such as changing user
@@ -144,22 +167,9 @@ int launch(int argc, char** argv) {
 
   // A pidfd lets the sim signal COMMAND across the pid namespace with no risk of pid reuse.
   int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, ::getpid(), 0));
-  char started = 'S';
-  iovec iov{&started, 1};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-  msghdr msg{};
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
-  if (pidfd >= 0) {
-    msg.msg_control = control;
-    msg.msg_controllen = sizeof control;
-    cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
-    cmsg->cmsg_level = SOL_SOCKET;
-    cmsg->cmsg_type = SCM_RIGHTS;
-    cmsg->cmsg_len = CMSG_LEN(sizeof(int));
-    std::memcpy(CMSG_DATA(cmsg), &pidfd, sizeof(int));
-  }
-  ::sendmsg(control_fd, &msg, MSG_NOSIGNAL);
+  StartMessage message;
+  if (pidfd >= 0) message.attach(pidfd);
+  ::sendmsg(control_fd, message.get(), MSG_NOSIGNAL);
   ::close(control_fd);
   if (pidfd >= 0) ::close(pidfd);
 

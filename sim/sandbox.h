@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/socket.h>
+
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,6 +19,25 @@ inline constexpr std::string_view kLaunchFlag = "--launch-in-sandbox";
 // namespace, which hands out pids from 1 upwards, so these cover the first tasks of a run; /proc
 // is otherwise simulated and has no way to name a pid on demand.
 inline constexpr int kProcPidLinks = 2048;
+
+// The launcher's one-byte start message, with room for one descriptor beside it. Both ends build
+// it the same way; it points into itself, so it stays where it was made.
+class StartMessage {
+ public:
+  StartMessage();
+  StartMessage(const StartMessage&) = delete;
+  StartMessage& operator=(const StartMessage&) = delete;
+
+  void attach(int fd);
+  int attached() const;  // the descriptor received, or -1
+  msghdr* get() { return &msg_; }
+
+ private:
+  char byte_ = 'S';
+  iovec iov_{&byte_, 1};
+  alignas(cmsghdr) char control_[CMSG_SPACE(sizeof(int))] = {};
+  msghdr msg_{};
+};
 
 struct SandboxPlan {
   std::string state;                 // the state directory, absolute

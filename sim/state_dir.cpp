@@ -13,10 +13,6 @@ namespace emberline::sim {
 
 namespace {
 
-[[noreturn]] void fail(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
 std::string parent_of(const std::string& path) {
   return path.substr(0, path.rfind('/'));
 }
@@ -28,6 +24,10 @@ UniqueFd open_node(const std::string& path, int flags) {
 }
 
 }  // namespace
+
+void fail(const std::string& what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
 
 UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
   if (this != &other) {

@@ -9,6 +9,9 @@
 
 namespace emberline::sim {
 
+// Throws the error of the system call that just failed, with what was being done.
+[[noreturn]] void fail(const std::string& what);
+
 // A file descriptor that closes itself.
 class UniqueFd {
  public:

@@ -13,10 +13,6 @@ namespace emberline::sim {
 
 namespace {
 
-[[noreturn]] void fail(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
 constexpr char kHex[] = "0123456789abcdef";
 
 int hex_digit(char c) {
