@@ -10,6 +10,7 @@
 #include <limits>
 #include <thread>
 
+#include "crash_restore.h"
 #include "plugins/example_plugin.h"
 #include "plugins/power_plugin.h"
 
@@ -55,7 +56,8 @@ void redirect_console_to_log() {
 }  // namespace utils
 
 USBCharging::USBCharging()
-    : paths{"/sys/class/qcom-battery/input_suspend", "/sys/class/power_supply/battery/input_suspend",
+    : paths{"/sys/class/qcom-battery/input_suspend",
+            "/sys/class/power_supply/battery/input_suspend",
             "/sys/class/power_supply/usb/input_suspend",
             "/sys/class/power_supply/wireless/input_suspend"} {
   for (const auto& path : paths) {
@@ -78,8 +80,17 @@ void USBCharging::write_all(char byte) {
   }
 }
 
-void USBCharging::disable() { write_all('1'); }
-void USBCharging::enable() { write_all('0'); }
+void USBCharging::disable() {
+  // Armed before the first '1', so that no moment passes with charging suspended and unguarded.
+  for (int fd : fds) crash_handles.push_back(crash_restore::remember(fd, "0"));
+  write_all('1');
+}
+
+void USBCharging::enable() {
+  write_all('0');
+  for (int handle : crash_handles) crash_restore::forget(handle);
+  crash_handles.clear();
+}
 
 std::int64_t SystemLoopClock::now_us() {
   return std::chrono::duration_cast<std::chrono::microseconds>(
@@ -119,7 +130,9 @@ void Emberline::setup_file_output(std::string& path) {
   }
 }
 
-bool Emberline::init(bool time_plugins) { return plugin_manager.init(time_plugins); }
+bool Emberline::init(bool time_plugins) {
+  return plugin_manager.init(time_plugins);
+}
 
 void Emberline::output_line(const std::string& text) {
   if (output_file.is_open()) output_file << text << '\n' << std::flush;
@@ -157,7 +170,9 @@ void Emberline::add_timing_fields() {
                  "The timing loop wait time (measured in milliseconds)");
 }
 
-void Emberline::print_schema() { std::cout << plugin_manager.get_description(output_format); }
+void Emberline::print_schema() {
+  std::cout << plugin_manager.get_description(output_format);
+}
 
 void Emberline::register_power_plugin(PowerPath path, bool use_window, unsigned int window_size,
                                       float alpha) {
@@ -175,15 +190,16 @@ void Emberline::register_power_plugin(PowerPath path, bool use_window, unsigned 
 }
 
 void Emberline::register_example_plugin() {
-  plugin_manager.add_plugin(
-      "example", std::make_shared<ExamplePlugin>(),
-      PluginManager::PluginFieldOptions("Example plugin with sample and output counts", "Example",
-                                        false));
+  plugin_manager.add_plugin("example", std::make_shared<ExamplePlugin>(),
+                            PluginManager::PluginFieldOptions(
+                                "Example plugin with sample and output counts", "Example", false));
 }
 
 namespace {
 // Whole milliseconds, truncated toward zero.
-constexpr std::int64_t ms(std::int64_t micros) { return micros / 1000; }
+constexpr std::int64_t ms(std::int64_t micros) {
+  return micros / 1000;
+}
 }  // namespace
 
 int Emberline::run(unsigned int time, unsigned int sample, unsigned int output) {

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <atomic>
-#include <csignal>
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <fstream>
 #include <memory>
@@ -58,6 +58,8 @@ class USBCharging {
 
   std::vector<int> fds;
   std::vector<std::string> paths;
+  // Entries that give charging back should the process die while it is suspended.
+  std::vector<int> crash_handles;
 };
 
 // The loop's view of time, replaceable so that tests can drive the loop deterministically.
@@ -121,9 +123,9 @@ class Emberline {
   std::shared_ptr<TimestampValue<3>> timestamp = std::make_shared<TimestampValue<3>>();
   std::shared_ptr<Value<unsigned long>> sample_time_ms = std::make_shared<Value<unsigned long>>();
   std::shared_ptr<Value<unsigned long>> output_time_ms = std::make_shared<Value<unsigned long>>();
-  std::shared_ptr<Value<unsigned long>> process_time_ms = std::make_shared<Value<unsigned long>>();
-  std::shared_ptr<Value<unsigned long>> drift_time_ms = std::make_shared<Value<unsigned long>>();
-  std::shared_ptr<Value<unsigned long>> wait_time_ms = std::make_shared<Value<unsigned long>>();
+  std::shared_ptr<SignedFigureValue> process_time_ms = std::make_shared<SignedFigureValue>();
+  std::shared_ptr<SignedFigureValue> drift_time_ms = std::make_shared<SignedFigureValue>();
+  std::shared_ptr<SignedFigureValue> wait_time_ms = std::make_shared<SignedFigureValue>();
   std::shared_ptr<LoopClock> clock = std::make_shared<SystemLoopClock>();
 };
 

@@ -2,12 +2,15 @@
 #include <string>
 
 #include "command_line.h"
+#include "crash_restore.h"
 #include "emberline.h"
 #include "platform/trace/perfetto.h"
 
 namespace {
 
-void on_stop_signal(int) { emberline::stop_flag = true; }
+void on_stop_signal(int) {
+  emberline::stop_flag = true;
+}
 
 void on_hangup(int) {
   // The terminal is gone: keep what would have reached it, including the final messages.
@@ -32,6 +35,10 @@ int main(int argc, char** argv) {
   std::signal(SIGINT, on_stop_signal);
   std::signal(SIGTERM, on_stop_signal);
   std::signal(SIGHUP, on_hangup);
+  // A reader that went away (`emberline | head -1`) ends the run as SIGTERM would, so that
+  // charging is given back rather than left suspended by the default action.
+  std::signal(SIGPIPE, on_stop_signal);
+  emberline::crash_restore::install_fatal_signal_handlers();
 
   emberline::Settings settings;
   if (auto exit_code = emberline::parse_command_line(argc, argv, settings, emberline::is_brantley,

@@ -9,7 +9,7 @@ cd "$src" || exit 2
 layer_of() {
   case $1 in
     platform/*) echo 0 ;;
-    plugin.* | json/*) echo 1 ;;
+    plugin.* | crash_restore.* | json/*) echo 1 ;;
     plugins/* | ar_sys_stats/*) echo 2 ;;
     emberline.* | command_line.*) echo 3 ;;
     main.cpp) echo 4 ;;

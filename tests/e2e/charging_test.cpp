@@ -1,11 +1,15 @@
-// What the tool writes to the charging nodes, as the simulated headset recorded it.
+// What the tool writes to the charging nodes, as the simulated headset recorded it, on every way
+// a run can end.
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <chrono>
+#include <csignal>
 #include <thread>
 
+#include "emberline.h"
 #include "harness.h"
 
 namespace {
@@ -17,20 +21,34 @@ const char* const kNodes[] = {
     "/sys/class/power_supply/wireless/input_suspend",
 };
 
-// "PATH OFFSET HEX" of each recorded write, without its time. The sim logs a write a moment
-// after the tool made it, so this waits (boundedly) until `count` writes are there.
-std::vector<std::string> recorded_writes(std::size_t count) {
+// "PATH OFFSET HEX" of each write recorded after the first `skip`, without its time. The sim
+// logs a write a moment after it was made, so this waits (boundedly) for `count` of them.
+std::vector<std::string> recorded_writes(std::size_t skip, std::size_t count) {
   const std::string log = std::string(std::getenv("EMBERLINE_SIM_STATE")) + "/writes.log";
   std::vector<std::string> writes;
   for (int attempt = 0; attempt < 500; ++attempt) {
     writes.clear();
-    for (const auto& line : e2e::lines(e2e::read_file(log))) {
-      writes.push_back(line.substr(line.find(' ') + 1));
+    auto all = e2e::lines(e2e::read_file(log));
+    for (std::size_t i = skip; i < all.size(); ++i) {
+      writes.push_back(all[i].substr(all[i].find(' ') + 1));
     }
     if (writes.size() >= count) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return writes;
+}
+
+std::size_t writes_so_far() {
+  return recorded_writes(0, 0).size();
+}
+
+// Every node suspended, then every node given back, once each.
+std::vector<std::string> suspended_then_resumed() {
+  std::vector<std::string> expected;
+  for (const char* byte : {"31", "30"}) {
+    for (const char* node : kNodes) expected.push_back(std::string(node) + " 0 " + byte);
+  }
+  return expected;
 }
 
 TEST(Charging, SuspendedForTheRunAndResumedAfterIt) {
@@ -40,26 +58,80 @@ TEST(Charging, SuspendedForTheRunAndResumedAfterIt) {
   e2e::run({"-s", "2000"});
   std::remove("/sys/class/power_supply/battery/voltage_now");
   EXPECT_EQ(e2e::run({"-t", "1"}).exit_code, 1);
+  ASSERT_EQ(writes_so_far(), 0u);
 
   auto result = e2e::run({"--no-power", "-t", "1"});
   EXPECT_EQ(result.exit_code, 0);
-  std::vector<std::string> expected;
-  for (const char* byte : {"31", "30"}) {
-    for (const char* node : kNodes) expected.push_back(std::string(node) + " 0 " + byte);
+  EXPECT_EQ(recorded_writes(0, 8), suspended_then_resumed());
+}
+
+TEST(Charging, ABrokenPipeEndsTheRunLikeSigterm) {
+  const std::size_t before = writes_so_far();
+  e2e::Options head;
+  head.close_out_after_lines = 1;  // as `emberline | head -1`
+  auto result = e2e::run({"--no-power", "--example", "--inline"}, head);
+  EXPECT_EQ(result.signal, 0);
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.err,
+            "Disabling charging...\nStarting trace. \nPress CTRL-C to stop...\n\n\n"
+            "Enabling charging...\n");
+  EXPECT_EQ(recorded_writes(before, 8), suspended_then_resumed());
+}
+
+TEST(Charging, FatalSignalsGiveChargingBackAndStillEndTheProcess) {
+  for (int signal : {SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL}) {
+    SCOPED_TRACE(strsignal(signal));
+    const std::size_t before = writes_so_far();
+    e2e::Options options;
+    options.signal_after_start = signal;
+    options.without_core_dump = true;
+    auto result = e2e::run({"--no-power", "--example"}, options);
+    EXPECT_EQ(result.signal, signal);
+    EXPECT_EQ(result.err.find("Enabling charging..."), std::string::npos);
+    EXPECT_EQ(recorded_writes(before, 8), suspended_then_resumed());
   }
-  EXPECT_EQ(recorded_writes(expected.size()), expected);
+}
+
+// A plugin that fails mid-run ends the run with 1; the engine still gives charging back.
+TEST(Charging, GivenBackWhenAPluginFailsMidRun) {
+  class FailsOnSecondReport : public emberline::Plugin {
+    bool on_output() override { return ++outputs < 2; }
+    int outputs = 0;
+  };
+  class Instant : public emberline::LoopClock {
+    std::int64_t now_us() override { return now; }
+    void sleep_for(std::chrono::nanoseconds d) override { now += d.count() / 1000; }
+    std::int64_t now = 1'700'000'000'000'000;
+  };
+  const std::size_t before = writes_so_far();
+  {
+    emberline::Emberline engine(false);
+    engine.set_quiet(true);
+    engine.set_clock(std::make_shared<Instant>());
+    engine.manager().add_plugin(
+        "failing", std::make_shared<FailsOnSecondReport>(),
+        emberline::PluginManager::PluginFieldOptions(std::nullopt, std::nullopt, false));
+    ASSERT_TRUE(engine.init(false));
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(engine.run(0, 500, 1000), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "ERROR: Output update failed for plugin 'failing'\n");
+  }
+  EXPECT_EQ(recorded_writes(before, 8), suspended_then_resumed());
 }
 
 TEST(Charging, NodeThatRefusesWritingIsNamedOnceAndSkipped) {
   for (const char* node : kNodes) chmod(node, 0666);
   chmod(kNodes[2], 0444);
+  const std::size_t before = writes_so_far();
   e2e::Options restricted;
   restricted.without_dac_override = true;
   auto result = e2e::run({"--no-power", "-t", "1"}, restricted);
+  if (result.exit_code == 126) GTEST_SKIP() << "cannot drop the right to override permissions";
   ASSERT_EQ(result.exit_code, 0);
   EXPECT_EQ(e2e::lines(result.err)[0], "Permission denied for " + std::string(kNodes[2]));
   EXPECT_EQ(result.err.find("Permission denied", 1), std::string::npos);
-  auto writes = recorded_writes(6);
+  auto writes = recorded_writes(before, 6);
   EXPECT_EQ(writes.size(), 6u);
   for (const auto& write : writes) EXPECT_EQ(write.find(kNodes[2]), std::string::npos);
 }
