@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(
-  cmake make g++ pkg-config
+  cmake make g++ pkg-config clang-format
   libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev
   android-liblog-dev android-libbase-dev libselinux1-dev
   bubblewrap

@@ -5,6 +5,8 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 bash scripts/setup.sh
+echo "== format"
+bash scripts/check-format.sh
 
 run_suite() {
   local dir=$1

@@ -14,8 +14,8 @@ OutputFormat Settings::format() const {
   return OutputFormat::TEXT;
 }
 
-std::optional<int> parse_command_line(int argc, const char* const* argv, Settings& s,
-                                      bool brantley, bool chipset2) {
+std::optional<int> parse_command_line(int argc, const char* const* argv, Settings& s, bool brantley,
+                                      bool chipset2) {
   const Settings defaults;
   CLI::App app("A tool to measure device power and other useful things.", "Emberline");
 
@@ -87,7 +87,9 @@ std::optional<int> parse_command_line(int argc, const char* const* argv, Setting
       ->default_val(false);
 
   const std::string format = "Format Options";
-  app.add_flag("-j,--json", s.json, "Output data in JSON format")->group(format)->default_val(false);
+  app.add_flag("-j,--json", s.json, "Output data in JSON format")
+      ->group(format)
+      ->default_val(false);
   app.add_flag("--csv", s.csv, "Output data in CSV format")->group(format)->default_val(false);
   app.add_flag("--inline", s.inline_text, "Output data in an harder-to-read, inline text format")
       ->group(format)

@@ -62,39 +62,33 @@ void Section::update_tree_metadata(unsigned int new_depth, const std::string& ne
 std::string Section::to_str() const {
   std::ostringstream out;
   bool first = true;
-  for (const auto& key : value_order) {
-    const auto& [value, options] = values.at(key);
-    if (!first) out << " | ";
-    first = false;
-    out << visible_name(key, options) << ": " << value->to_str();
-  }
+  join_values(out, " | ", first,
+              [&](const std::string& key, const ISerializable& value, const FieldOptions& options) {
+                out << visible_name(key, options) << ": " << value.to_str();
+              });
   if (!subsection_order.empty() && (!value_order.empty() || depth != 0)) out << '\n';
   first = true;
-  for (const auto& key : subsection_order) {
-    const auto& [section, options] = subsections.at(key);
-    if (!first) out << '\n';
-    first = false;
-    out << std::string(4 * depth, ' ') << '[' << visible_name(key, options) << "] "
-        << section->to_str();
-  }
+  join_subsections(
+      out, "\n", first,
+      [&](const std::string& key, const Section& section, const FieldOptions& options) {
+        out << std::string(4 * depth, ' ') << '[' << visible_name(key, options) << "] "
+            << section.to_str();
+      });
   return out.str();
 }
 
 std::string Section::to_inline_str() const {
   std::ostringstream out;
   bool first = true;
-  for (const auto& key : value_order) {
-    const auto& [value, options] = values.at(key);
-    if (!first) out << ',';
-    first = false;
-    out << visible_name(key, options) << '=' << value->to_str();
-  }
-  for (const auto& key : subsection_order) {
-    const auto& [section, options] = subsections.at(key);
-    if (!first) out << ',';
-    first = false;
-    out << visible_name(key, options) << "=(" << section->to_inline_str() << ')';
-  }
+  join_values(out, ",", first,
+              [&](const std::string& key, const ISerializable& value, const FieldOptions& options) {
+                out << visible_name(key, options) << '=' << value.to_str();
+              });
+  join_subsections(
+      out, ",", first,
+      [&](const std::string& key, const Section& section, const FieldOptions& options) {
+        out << visible_name(key, options) << "=(" << section.to_inline_str() << ')';
+      });
   return out.str();
 }
 
@@ -102,16 +96,14 @@ std::string Section::to_json() const {
   std::ostringstream out;
   out << '{';
   bool first = true;
-  for (const auto& key : value_order) {
-    if (!first) out << ',';
-    first = false;
-    out << '"' << key << "\":" << values.at(key).first->to_json();
-  }
-  for (const auto& key : subsection_order) {
-    if (!first) out << ',';
-    first = false;
-    out << '"' << key << "\":" << subsections.at(key).first->to_json();
-  }
+  join_values(out, ",", first,
+              [&](const std::string& key, const ISerializable& value, const FieldOptions&) {
+                out << '"' << key << "\":" << value.to_json();
+              });
+  join_subsections(out, ",", first,
+                   [&](const std::string& key, const Section& section, const FieldOptions&) {
+                     out << '"' << key << "\":" << section.to_json();
+                   });
   out << '}';
   return out.str();
 }
@@ -119,26 +111,23 @@ std::string Section::to_json() const {
 std::string Section::_to_csv(bool header) const {
   std::ostringstream out;
   bool first = true;
-  for (const auto& key : value_order) {
-    if (!first) out << ',';
-    first = false;
-    if (header) {
-      out << prefix << key;
-    } else {
-      out << values.at(key).first->to_csv();
-    }
-  }
-  for (const auto& key : subsection_order) {
-    if (!first) out << ',';
-    first = false;
-    out << subsections.at(key).first->_to_csv(header);
-  }
+  join_values(out, ",", first,
+              [&](const std::string& key, const ISerializable& value, const FieldOptions&) {
+                if (header) {
+                  out << prefix << key;
+                } else {
+                  out << value.to_csv();
+                }
+              });
+  join_subsections(out, ",", first,
+                   [&](const std::string&, const Section& section, const FieldOptions&) {
+                     out << section._to_csv(header);
+                   });
   return out.str();
 }
 
 std::string Section::get_description(OutputFormat format) const {
-  std::vector<std::array<std::string, 3>> rows{{"Key", "", "Description"},
-                                               {"-----", "", "-----"}};
+  std::vector<std::array<std::string, 3>> rows{{"Key", "", "Description"}, {"-----", "", "-----"}};
   description_helper(&rows, format);
   return utils::format_table<3>(rows, 2, 0);
 }
@@ -240,8 +229,8 @@ bool PluginManager::on_output() {
       auto end = std::chrono::steady_clock::now();
       auto found = timing_section->plugin_times.find(key);
       if (found != timing_section->plugin_times.end()) {
-        auto micros = std::chrono::duration_cast<std::chrono::nanoseconds>(end - begin).count() /
-                      1000;
+        auto micros =
+            std::chrono::duration_cast<std::chrono::nanoseconds>(end - begin).count() / 1000;
         found->second->set(static_cast<float>(static_cast<std::int32_t>(micros / 1000.0)));
       }
     }
@@ -250,8 +239,8 @@ bool PluginManager::on_output() {
 }
 
 const bool is_brantley = Zavra::OS::deviceIsBrantley();
-const bool is_chipset2_device =
-    Zavra::OS::deviceIsFennick() || Zavra::OS::deviceIsMaplet() || Zavra::OS::deviceIsDorrin();
+const bool is_chipset2_device = detail::chipset2_from_queries(
+    Zavra::OS::deviceIsFennick(), Zavra::OS::deviceIsMaplet(), Zavra::OS::deviceIsDorrin());
 
 std::shared_ptr<FileReader> file_reader = std::make_shared<FileReader>();
 

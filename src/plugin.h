@@ -65,14 +65,18 @@ class Value : public ISerializable {
   }
 };
 
-template <int N>
-class RoundedValue : public Value<float> {
+// A number with N decimals in every form; the classes below decorate only the text form.
+template <typename T, int N>
+class FixedPointValue : public Value<T> {
  public:
-  std::string _to_str() const override { return detail::fixed_point(value, N); }
+  std::string _to_str() const override { return detail::fixed_point(this->value, N); }
   // Deliberately not virtual calls: derived classes decorate only the text forms.
-  std::string _to_json() const override { return RoundedValue<N>::_to_str(); }
-  std::string _to_csv() const override { return RoundedValue<N>::_to_str(); }
+  std::string _to_json() const override { return FixedPointValue::_to_str(); }
+  std::string _to_csv() const override { return FixedPointValue::_to_str(); }
 };
+
+template <int N>
+class RoundedValue : public FixedPointValue<float, N> {};
 
 template <int N, char C>
 class UnitValue : public RoundedValue<N> {
@@ -96,11 +100,15 @@ class PercentageValue : public RoundedValue<N + 2> {
 };
 
 template <int N>
-class TimestampValue : public Value<double> {
+class TimestampValue : public FixedPointValue<double, N> {};
+
+// Held unsigned, as the loop's figures are, but printed as the signed number of the same bits:
+// a cycle that overran shows its negative wait rather than a twenty-digit number.
+class SignedFigureValue : public Value<unsigned long> {
  public:
-  std::string _to_str() const override { return detail::fixed_point(value, N); }
-  std::string _to_json() const override { return TimestampValue<N>::_to_str(); }
-  std::string _to_csv() const override { return TimestampValue<N>::_to_str(); }
+  std::string _to_str() const override { return std::to_string(static_cast<long>(value)); }
+  std::string _to_json() const override { return SignedFigureValue::_to_str(); }
+  std::string _to_csv() const override { return SignedFigureValue::_to_str(); }
 };
 
 class SwitchValue : public Value<bool> {
@@ -150,8 +158,7 @@ class Section : public ISerializable {
   std::string _to_csv(bool header) const;
 
   std::string get_description(OutputFormat format) const;
-  void description_helper(std::vector<std::array<std::string, 3>>* rows,
-                          OutputFormat format) const;
+  void description_helper(std::vector<std::array<std::string, 3>>* rows, OutputFormat format) const;
   std::array<std::string, 3> get_description_row(OutputFormat format, const std::string& name,
                                                  const FieldOptions& options) const;
 
@@ -159,6 +166,27 @@ class Section : public ISerializable {
   const std::string& get_prefix() const { return prefix; }
 
  protected:
+  // Every form lists the values, then the subsections, in the order they were added.
+  template <typename OnValue>
+  void join_values(std::ostream& out, const char* separator, bool& first, OnValue on_value) const {
+    for (const auto& key : value_order) {
+      if (!first) out << separator;
+      first = false;
+      const auto& [value, options] = values.at(key);
+      on_value(key, *value, options);
+    }
+  }
+  template <typename OnSection>
+  void join_subsections(std::ostream& out, const char* separator, bool& first,
+                        OnSection on_section) const {
+    for (const auto& key : subsection_order) {
+      if (!first) out << separator;
+      first = false;
+      const auto& [section, options] = subsections.at(key);
+      on_section(key, *section, options);
+    }
+  }
+
   std::list<std::string> value_order;
   std::list<std::string> subsection_order;
   std::unordered_map<std::string, std::pair<std::shared_ptr<ISerializable>, FieldOptions>> values;
@@ -209,6 +237,13 @@ class PluginManager : public Section {
 // The device generation, fixed before main from the device's identity.
 extern const bool is_brantley;
 extern const bool is_chipset2_device;
+
+namespace detail {
+// The Quillon generations, from the answers of the device queries.
+constexpr bool chipset2_from_queries(bool fennick, bool maplet, bool dorrin) {
+  return fennick || maplet || dorrin;
+}
+}  // namespace detail
 
 // Replaceable so that tests can stand in for the file system.
 class FileReader {

@@ -5,8 +5,7 @@ namespace emberline {
 ExamplePlugin::ExamplePlugin() {
   add_value("num_samples", num_samples, FieldOptions("The number of times sampling occurred"),
             false);
-  add_value("num_outputs", num_outputs, FieldOptions("The number of times output occurred"),
-            false);
+  add_value("num_outputs", num_outputs, FieldOptions("The number of times output occurred"), false);
 }
 
 bool ExamplePlugin::on_sample() {

@@ -33,7 +33,9 @@ PowerPlugin::PowerPlugin(PowerPath path, bool usb_current_now) : sampler(path, u
   add_value("voltage", voltage, FieldOptions("Instantaneous voltage (measured in Volts)"), false);
 }
 
-bool PowerPlugin::init() { return sampler.init(); }
+bool PowerPlugin::init() {
+  return sampler.init();
+}
 
 void PowerPlugin::take_reading() {
   sampler.read_sample();
@@ -56,14 +58,15 @@ bool PowerPlugin::on_emit_to_perfetto() {
   emit(kWatts, raw->value);
   emit(kCurrent, current->value);
   emit(kVoltage, voltage->value);
+  if (smooth) emit(kSmoothed, smooth->value);
   return true;
 }
 
-PowerWindowPlugin::PowerWindowPlugin(PowerPath path, unsigned int window_size,
-                                     bool usb_current_now)
+PowerWindowPlugin::PowerWindowPlugin(PowerPath path, unsigned int window_size, bool usb_current_now)
     : PowerPlugin(path, usb_current_now), window_size(window_size) {
   // The ring still grows slot by slot, but never reallocates on the sample path.
   samples.reserve(window_size);
+  smooth = std::make_shared<UnitValue<3, 'W'>>();
   add_value("smooth", smooth,
             FieldOptions("Power value smoothed using a rolling average window of " +
                          std::to_string(window_size) +
@@ -102,14 +105,9 @@ bool PowerWindowPlugin::update() {
   return true;
 }
 
-bool PowerWindowPlugin::on_emit_to_perfetto() {
-  PowerPlugin::on_emit_to_perfetto();
-  emit(kSmoothed, smooth->value);
-  return true;
-}
-
 PowerExpSmoothPlugin::PowerExpSmoothPlugin(PowerPath path, float alpha, bool usb_current_now)
     : PowerPlugin(path, usb_current_now), alpha(alpha) {
+  smooth = std::make_shared<UnitValue<3, 'W'>>();
   add_value("smooth", smooth,
             FieldOptions("Power value smoothed using exponential smoothing, with an alpha of " +
                          std::to_string(alpha) + ". Alpha can be set using '-e/--exp-smooth'"),
@@ -125,12 +123,6 @@ void PowerExpSmoothPlugin::take_reading() {
     smoothed = alpha * sampler.power_watts + (1.0f - alpha) * smoothed;
   }
   smooth->set(smoothed);
-}
-
-bool PowerExpSmoothPlugin::on_emit_to_perfetto() {
-  PowerPlugin::on_emit_to_perfetto();
-  emit(kSmoothed, smooth->value);
-  return true;
 }
 
 }  // namespace emberline

@@ -25,13 +25,14 @@ class PowerPlugin : public Plugin {
   std::shared_ptr<UnitValue<3, 'W'>> raw = std::make_shared<UnitValue<3, 'W'>>();
   std::shared_ptr<UnitValue<3, 'A'>> current = std::make_shared<UnitValue<3, 'A'>>();
   std::shared_ptr<UnitValue<3, 'V'>> voltage = std::make_shared<UnitValue<3, 'V'>>();
+  // Made and added to the section by the smoothing plugins; both feed it to one counter.
+  std::shared_ptr<UnitValue<3, 'W'>> smooth;
 };
 
 // Rolling mean and population deviation over the last `window_size` readings.
 class PowerWindowPlugin : public PowerPlugin {
  public:
   PowerWindowPlugin(PowerPath path, unsigned int window_size, bool usb_current_now);
-  bool on_emit_to_perfetto() override;
 
  protected:
   void take_reading() override;
@@ -42,7 +43,6 @@ class PowerWindowPlugin : public PowerPlugin {
   unsigned int next_index = 0;
   unsigned int window_size;
   std::vector<float> samples;
-  std::shared_ptr<UnitValue<3, 'W'>> smooth = std::make_shared<UnitValue<3, 'W'>>();
   std::shared_ptr<UnitValue<3, 'W'>> smooth_stdev = std::make_shared<UnitValue<3, 'W'>>();
 };
 
@@ -50,7 +50,6 @@ class PowerWindowPlugin : public PowerPlugin {
 class PowerExpSmoothPlugin : public PowerPlugin {
  public:
   PowerExpSmoothPlugin(PowerPath path, float alpha, bool usb_current_now);
-  bool on_emit_to_perfetto() override;
 
  protected:
   void take_reading() override;
@@ -59,7 +58,6 @@ class PowerExpSmoothPlugin : public PowerPlugin {
   bool first_sample = true;
   float alpha;
   float smoothed = 0.0f;
-  std::shared_ptr<UnitValue<3, 'W'>> smooth = std::make_shared<UnitValue<3, 'W'>>();
 };
 
 }  // namespace emberline

@@ -51,15 +51,16 @@ TEST(EndToEnd, ExampleReportsInEveryFormat) {
 }
 
 TEST(EndToEnd, TimingFieldsStandBehindTheTimestampsAndPluginTimesAheadOfPlugins) {
-  auto result = run({"--no-power", "--example", "-t", "1", "-c", "--csv", "--timing",
-                     "--time-plugins"});
+  auto result =
+      run({"--no-power", "--example", "-t", "1", "-c", "--csv", "--timing", "--time-plugins"});
   ASSERT_EQ(result.exit_code, 0);
   auto out = lines(result.out);
   ASSERT_EQ(out.size(), 2u);
   EXPECT_EQ(out[0],
             "sequence,timestamp,device_timestamp,sample_time_ms,output_time_ms,process_time_ms,"
             "drift_time_ms,wait_time_ms,timing.example,example.num_samples,example.num_outputs");
-  EXPECT_TRUE(std::regex_match(out[1], std::regex(R"(1,\d\.\d{3},\d+\.\d{3},\d+,0,\d+,\d+,\d+,\d+\.\d,3,1)")))
+  EXPECT_TRUE(std::regex_match(
+      out[1], std::regex(R"(1,\d\.\d{3},\d+\.\d{3},\d+,0,\d+,\d+,\d+,\d+\.\d,3,1)")))
       << out[1];
 }
 
@@ -97,7 +98,8 @@ TEST(EndToEnd, HangupSendsTheConsoleToTheLog) {
   EXPECT_EQ(result.exit_code, 0);
   // Debian's liblog prints each record as "TAG P MM-DD HH:MM:SS pid tid text" on stderr.
   EXPECT_TRUE(std::regex_search(
-      result.err, std::regex(R"(\nemberline I \d\d-\d\d [0-9:]{8} +\d+ +\d+ Enabling charging\.\.\.\n)")))
+      result.err,
+      std::regex(R"(\nemberline I \d\d-\d\d [0-9:]{8} +\d+ +\d+ Enabling charging\.\.\.\n)")))
       << result.err;
   EXPECT_EQ(result.err.find("\nEnabling charging...\n"), std::string::npos);
 }
@@ -118,6 +120,24 @@ TEST(EndToEnd, ReportFile) {
     auto written = lines(e2e::read_file(files[0]));
     ASSERT_EQ(written.size(), 2u);
     EXPECT_EQ(written[0], "sequence,timestamp,device_timestamp");
+  }
+  {
+    // Each line is in the file before it reaches the console, so a reader never waits for the
+    // run to end.
+    std::string file_when_first_report_showed;
+    e2e::Options options;
+    options.watch = [&](const std::string& out, const std::string&) {
+      if (file_when_first_report_showed.empty() && lines(out).size() == 2) {
+        file_when_first_report_showed = e2e::read_file("/data/local/tmp/live.csv");
+      }
+    };
+    auto result = run(
+        {"--no-power", "-c", "-t", "2", "--csv", "--example", "--file", "/data/local/tmp/live.csv"},
+        options);
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_EQ(file_when_first_report_showed,
+              lines(result.out)[0] + "\n" + lines(result.out)[1] + "\n");
+    EXPECT_EQ(e2e::read_file("/data/local/tmp/live.csv"), result.out);
   }
   {
     auto result = run({"--no-power", "-c", "-t", "1", "--file", "/nonexistent/report.txt"});

@@ -1,10 +1,10 @@
+#include "command_line.h"
+
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <string>
 #include <vector>
-
-#include "command_line.h"
 
 namespace emberline {
 namespace {
@@ -24,8 +24,8 @@ Parsed parse(std::vector<std::string> args, Device device = kGeneric) {
   Parsed parsed;
   testing::internal::CaptureStderr();
   testing::internal::CaptureStdout();
-  parsed.exit_code = parse_command_line(static_cast<int>(argv.size()), argv.data(),
-                                        parsed.settings, device == kBrantley, device == kChipset2);
+  parsed.exit_code = parse_command_line(static_cast<int>(argv.size()), argv.data(), parsed.settings,
+                                        device == kBrantley, device == kChipset2);
   testing::internal::GetCapturedStdout();
   parsed.err = testing::internal::GetCapturedStderr();
   return parsed;
@@ -37,28 +37,39 @@ TEST(CommandLine, AcceptedSettings) {
     Device device;
     std::function<bool(const Settings&)> holds;
   } cases[] = {
-      {{}, kGeneric,
+      {{},
+       kGeneric,
        [](const Settings& s) {
          return s.time == 0 && s.sample_rate == 500 && s.output_rate == 1000 && s.use_window &&
                 s.window == 20 && s.exp_smooth == 0.2f && s.format() == OutputFormat::TEXT &&
                 !s.wants_file();
        }},
-      {{"-s", "700", "-o", "700"}, kGeneric, [](const Settings& s) { return s.sample_rate == 700; }},
-      {{"--json", "--csv", "--inline"}, kGeneric,
+      {{"-s", "700", "-o", "700"},
+       kGeneric,
+       [](const Settings& s) { return s.sample_rate == 700; }},
+      {{"--json", "--csv", "--inline"},
+       kGeneric,
        [](const Settings& s) { return s.format() == OutputFormat::JSON; }},
-      {{"--csv", "--inline"}, kGeneric,
+      {{"--csv", "--inline"},
+       kGeneric,
        [](const Settings& s) { return s.format() == OutputFormat::CSV; }},
-      {{"--inline"}, kGeneric, [](const Settings& s) { return s.format() == OutputFormat::INLINE; }},
-      {{"-f", "--file", "/a/b"}, kGeneric,
+      {{"--inline"},
+       kGeneric,
+       [](const Settings& s) { return s.format() == OutputFormat::INLINE; }},
+      {{"-f", "--file", "/a/b"},
+       kGeneric,
        [](const Settings& s) { return s.wants_file() && s.file == "/a/b"; }},
       {{"-w", "40"}, kGeneric, [](const Settings& s) { return s.use_window && s.window == 40; }},
-      {{"-e", "0.5", "-w", "40"}, kGeneric,
+      {{"-e", "0.5", "-w", "40"},
+       kGeneric,
        [](const Settings& s) { return !s.use_window && s.exp_smooth == 0.5f; }},
       // An explicit default still counts as having asked for smoothing.
       {{"-e", "0.2"}, kGeneric, [](const Settings& s) { return !s.use_window; }},
-      {{"--quillon-dram-ms=20"}, kChipset2,
+      {{"--quillon-dram-ms=20"},
+       kChipset2,
        [](const Settings& s) { return s.quillon_dram_ms == 20; }},
-      {{"--quillon-dram"}, kChipset2,
+      {{"--quillon-dram"},
+       kChipset2,
        [](const Settings& s) { return s.quillon_dram && s.quillon_dram_ms == 50; }},
       {{"--brantley-rails"}, kBrantley, [](const Settings& s) { return s.brantley_rails; }},
   };

@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <iostream>
 #include <optional>
+#include <regex>
 #include <utility>
 #include <vector>
 
@@ -22,7 +24,7 @@ class FakeClock : public LoopClock {
   }
   std::int64_t now;
   std::optional<std::int64_t> jump_to;  // where the wall clock lands after the next sleep
-  std::vector<std::int64_t> sleeps;  // milliseconds
+  std::vector<std::int64_t> sleeps;     // milliseconds
 };
 
 constexpr std::int64_t kStartUs = 1'700'000'000'000'000;
@@ -39,14 +41,17 @@ class ProbePlugin : public Plugin {
   bool on_output() override {
     outputs.push_back(relative_ms());
     if (on_output_hook) on_output_hook(outputs.size());
-    return true;
+    return output_result;
   }
+  bool on_emit_to_perfetto() override { return emit_result; }
   std::int64_t relative_ms() const { return (clock.now - kStartUs) / 1000; }
 
   FakeClock& clock;
   std::vector<std::int64_t> samples, outputs;
   std::function<void(std::size_t)> on_sample_hook, on_output_hook;
   bool sample_result = true;
+  bool output_result = true;
+  bool emit_result = true;
 };
 
 struct Harness {
@@ -58,8 +63,8 @@ struct Harness {
     engine.set_quiet(true);
     engine.add_timestamp_fields();
     engine.add_timing_fields();
-    engine.manager().add_plugin("probe", probe,
-                                PluginManager::PluginFieldOptions(std::nullopt, std::nullopt, false));
+    engine.manager().add_plugin(
+        "probe", probe, PluginManager::PluginFieldOptions(std::nullopt, std::nullopt, false));
     EXPECT_TRUE(engine.init(false));
     stop_flag = false;
   }
@@ -80,16 +85,44 @@ TEST(TimingLoop, TicksFallOnPlanWhateverTheWorkCosts) {
   } cases[] = {
       // The first sample is immediate, the first report a whole output period later; the limit
       // is tested after the output step, so the cycle past it still samples, and never sleeps.
-      {2, 500, 1000, 0, 0, 0, {0, 500, 1000, 1500, 2000, 2500}, {1000, 2000},
+      {2,
+       500,
+       1000,
+       0,
+       0,
+       0,
+       {0, 500, 1000, 1500, 2000, 2500},
+       {1000, 2000},
        {500, 500, 500, 500, 500}},
-      {3, 300, 1000, 0, 0, 0, {0, 300, 600, 900, 1200, 1500, 1800, 2100, 2400, 2700, 3000, 3300},
-       {1000, 2000, 3000}, {kSkip}},
+      {3,
+       300,
+       1000,
+       0,
+       0,
+       0,
+       {0, 300, 600, 900, 1200, 1500, 1800, 2100, 2400, 2700, 3000, 3300},
+       {1000, 2000, 3000},
+       {kSkip}},
       {1, 1000, 1000, 0, 0, 0, {0, 1000, 2000}, {1000, 2000}, {kSkip}},
       // Work inside a cycle shortens its wait, so ticks stay on plan.
-      {3, 500, 1000, 7, 30, 0, {0, 500, 1000, 1500, 2000, 2500, 3000, 3500}, {1007, 2007, 3007},
+      {3,
+       500,
+       1000,
+       7,
+       30,
+       0,
+       {0, 500, 1000, 1500, 2000, 2500, 3000, 3500},
+       {1007, 2007, 3007},
        {493, 493, 463, 493, 463, 493, 463}},
       // An overrun drops no tick: late cycles run back to back until the plan is caught up.
-      {3, 500, 1000, 0, 0, 2, {0, 500, 1700, 1700, 2000, 2500, 3000, 3500}, {1700, 2000, 3000},
+      {3,
+       500,
+       1000,
+       0,
+       0,
+       2,
+       {0, 500, 1700, 1700, 2000, 2500, 3000, 3500},
+       {1700, 2000, 3000},
        {500, 300, 500, 500, 500}},
   };
   for (const auto& c : cases) {
@@ -123,12 +156,24 @@ TEST(TimingLoop, EndingConditions) {
     EXPECT_EQ(h.probe->samples.size(), 4u);
   }
   {
-    Harness h;
-    h.probe->on_sample_hook = [&](std::size_t n) { h.probe->sample_result = n < 3; };
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(h.engine.run(0, 500, 1000), 1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "ERROR: Sample update failed for plugin 'probe'\n");
+    // Whichever step fails, the run ends at once with 1 and without a further report.
+    const struct {
+      bool perfetto;
+      bool ProbePlugin::*result;
+      const char* error;
+    } failures[] = {
+        {false, &ProbePlugin::sample_result, "ERROR: Sample update failed for plugin 'probe'\n"},
+        {false, &ProbePlugin::output_result, "ERROR: Output update failed for plugin 'probe'\n"},
+        {true, &ProbePlugin::emit_result, "ERROR: Emit to perfetto failed for plugin 'probe'\n"},
+    };
+    for (const auto& f : failures) {
+      Harness h(f.perfetto);
+      h.probe->on_sample_hook = [&](std::size_t n) { (*h.probe).*f.result = n < 3; };
+      testing::internal::CaptureStderr();
+      EXPECT_EQ(h.engine.run(0, 500, 1000), 1);
+      EXPECT_EQ(testing::internal::GetCapturedStderr(), f.error);
+      EXPECT_EQ(h.probe->samples.size(), 3u) << f.error;
+    }
   }
   {
     // A clock stepped back to before the start makes the elapsed time huge: a run with a
@@ -158,10 +203,47 @@ TEST(TimingLoop, ReportsCarryTheCycleStartAndPerfettoModePrintsOnlyTheCsvHeader)
     // section keeps its (empty) column.
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               perfetto ? header
-                       : header + "1,1.000,1700000001.000,4,0,4,0,496,\n"
-                                  "2,2.000,1700000002.000,4,0,4,0,496,\n");
+                       : header +
+                             "1,1.000,1700000001.000,4,0,4,0,496,\n"
+                             "2,2.000,1700000002.000,4,0,4,0,496,\n");
     EXPECT_EQ(h.probe->outputs.size(), 2u);
   }
+}
+
+// After a hangup the console is gone: report lines and status alike become log records, and
+// nothing reaches the old streams.
+TEST(Console, HangupSendsReportsAndStatusToTheLog) {
+  std::streambuf* out = std::cout.rdbuf();
+  std::streambuf* err = std::cerr.rdbuf();
+  Emberline engine(false);
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  utils::redirect_console_to_log();
+  engine.output_line("sequence: 7 | timestamp: 7.000");
+  engine.output_message("Enabling charging...");
+  std::cout.rdbuf(out);
+  std::cerr.rdbuf(err);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  const std::string log = testing::internal::GetCapturedStderr();
+  for (const char* text : {"sequence: 7 \\| timestamp: 7\\.000", "Enabling charging\\.\\.\\."}) {
+    EXPECT_TRUE(std::regex_search(
+        log, std::regex(std::string("(^|\\n)emberline I [0-9 :-]+ +\\d+ +\\d+ ") + text + "\\n")))
+        << log;
+  }
+}
+
+// An overrun makes the next wait negative; reports show it as the signed number it is.
+TEST(TimingLoop, OverrunShowsANegativeWait) {
+  Harness h;
+  h.engine.set_quiet(false);
+  h.engine.set_output_format(OutputFormat::CSV);
+  h.probe->on_sample_hook = [&](std::size_t n) {
+    if (n == 2) h.clock->now += 1'304'000 + 500'000;
+  };
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(h.engine.run(2, 500, 1000), 0);
+  auto out = testing::internal::GetCapturedStdout();
+  EXPECT_NE(out.find("\n1,2.304,1700000002.304,0,0,1804,0,-1304,\n"), std::string::npos) << out;
 }
 
 TEST(TimingLoop, StartMessagesAndChargingSettle) {
@@ -172,7 +254,8 @@ TEST(TimingLoop, StartMessagesAndChargingSettle) {
     Ms first_sleeps;
   } cases[] = {
       {true, 0, "Starting trace. \nPress CTRL-C to stop...\n\n\n", {500}},
-      {false, 7,
+      {false,
+       7,
        "Disabling charging...\nStarting 7 second trace. \nPress CTRL-C to stop...\n\n\n",
        {1000, 500}},
   };

@@ -3,6 +3,7 @@
 #include <functional>
 #include <limits>
 
+#include "platform/zavra_os/zavra_os.h"
 #include "plugin.h"
 
 namespace emberline {
@@ -40,6 +41,10 @@ TEST(Values, RenderEachForm) {
       {"percentage", holding<PercentageValue<3>>(0.125f), "12.500%", "0.12500", "0.12500"},
       {"nan", holding<PercentageValue<3>>(kNan), "nan%", "nan", "nan"},
       {"inf", holding<UnitValue<3, 'W'>>(-kInf), "-infW", "-inf", "-inf"},
+      // Loop figures are kept unsigned but an overrun's negative wait reads as a number.
+      {"negative loop figure", holding<SignedFigureValue>(static_cast<unsigned long>(-1304l)),
+       "-1304", "-1304", "-1304"},
+      {"positive loop figure", holding<SignedFigureValue>(496ul), "496", "496", "496"},
       {"string", holding<StringValue>(std::string("a \"b\", c")), "a \"b\", c", "\"a \"b\", c\"",
        "a \"b\", c"},
   };
@@ -168,6 +173,39 @@ TEST(Schema, TableForEachFormat) {
   EXPECT_EQ(root->get_description(OutputFormat::INLINE), text);
   EXPECT_EQ(root->get_description(OutputFormat::JSON), json);
   EXPECT_EQ(root->get_description(OutputFormat::CSV), csv);
+}
+
+// The generation comes from the last definition of ro.product.device, and only the four names
+// count; the booleans follow from the generation.
+TEST(DeviceGeneration, FromBuildProp) {
+  using Zavra::OS::Generation;
+  const struct {
+    const char* build_prop;
+    Generation generation;
+    bool brantley, chipset2;
+  } cases[] = {
+      {"ro.product.device=fennick\n", Generation::kFennick, false, true},
+      {"ro.product.device=maplet\r\n", Generation::kMaplet, false, true},
+      {"ro.product.name=x\nro.product.device=dorrin", Generation::kDorrin, false, true},
+      {"ro.product.device=fennick\nro.product.device=brantley\n", Generation::kBrantley, true,
+       false},
+      {"ro.product.device=brantley\nro.product.device=generic\n", Generation::kOther, false, false},
+      {"ro.product.device.x=fennick\nxro.product.device=maplet\n", Generation::kOther, false,
+       false},
+      {"ro.product.device=Fennick\n", Generation::kOther, false, false},
+      {"ro.product.device=dorrin \n", Generation::kOther, false, false},
+      {"", Generation::kOther, false, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.build_prop);
+    const Generation g =
+        Zavra::OS::generationOf(Zavra::OS::findProperty(c.build_prop, "ro.product.device"));
+    EXPECT_EQ(g, c.generation);
+    EXPECT_EQ(g == Generation::kBrantley, c.brantley);
+    EXPECT_EQ(detail::chipset2_from_queries(g == Generation::kFennick, g == Generation::kMaplet,
+                                            g == Generation::kDorrin),
+              c.chipset2);
+  }
 }
 
 TEST(Split, DropsEmptyPieces) {

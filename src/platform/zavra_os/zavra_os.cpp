@@ -47,10 +47,26 @@ const std::string& deviceName() {
   return name;
 }
 
-bool deviceIsFennick() { return deviceName() == "fennick"; }
-bool deviceIsMaplet() { return deviceName() == "maplet"; }
-bool deviceIsDorrin() { return deviceName() == "dorrin"; }
-bool deviceIsBrantley() { return deviceName() == "brantley"; }
+Generation generationOf(std::string_view device_name) {
+  if (device_name == "fennick") return Generation::kFennick;
+  if (device_name == "maplet") return Generation::kMaplet;
+  if (device_name == "dorrin") return Generation::kDorrin;
+  if (device_name == "brantley") return Generation::kBrantley;
+  return Generation::kOther;
+}
+
+bool deviceIsFennick() {
+  return generationOf(deviceName()) == Generation::kFennick;
+}
+bool deviceIsMaplet() {
+  return generationOf(deviceName()) == Generation::kMaplet;
+}
+bool deviceIsDorrin() {
+  return generationOf(deviceName()) == Generation::kDorrin;
+}
+bool deviceIsBrantley() {
+  return generationOf(deviceName()) == Generation::kBrantley;
+}
 
 namespace File {
 

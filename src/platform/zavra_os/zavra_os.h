@@ -17,6 +17,10 @@ bool deviceIsBrantley();
 // The device name as the queries above see it, read once from ro.product.device.
 const std::string& deviceName();
 
+// The generation a device name stands for; the queries above answer by it.
+enum class Generation { kOther, kFennick, kMaplet, kDorrin, kBrantley };
+Generation generationOf(std::string_view device_name);
+
 // Parses build.prop text; the last definition of `key` wins. Empty when absent.
 std::string findProperty(std::string_view build_prop, std::string_view key);
 
