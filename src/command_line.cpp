@@ -24,23 +24,24 @@ std::optional<int> parse_command_line(int argc, const char* const* argv, Setting
                "Continue charging while the measurements are being taken")
       ->group(general)
       ->default_val(false);
-  app.add_option("-t,--time", s.time,
+  app.add_option("-t,--time", s.time_s,
                  "Automatically exit after the specified number of seconds, 0 means no limit")
       ->group(general)
       ->check(CLI::Range(0, 36000))
-      ->default_val(defaults.time);
-  app.add_option("-s,--sample-rate", s.sample_rate,
+      ->default_val(defaults.time_s);
+  app.add_option("-s,--sample-rate", s.sample_period_ms,
                  "Set the sample rate (in ms). Lower values may or may not improve accuracy of "
                  "some readings, such as power. Defaults to " +
-                     std::to_string(defaults.sample_rate))
+                     std::to_string(defaults.sample_period_ms))
       ->group(general)
       ->check(CLI::Range(10, 100000000))
-      ->default_val(defaults.sample_rate);
-  app.add_option("-o,--output-rate", s.output_rate,
-                 "Set the output rate (in ms). Defaults to " + std::to_string(defaults.output_rate))
+      ->default_val(defaults.sample_period_ms);
+  app.add_option(
+         "-o,--output-rate", s.output_period_ms,
+         "Set the output rate (in ms). Defaults to " + std::to_string(defaults.output_period_ms))
       ->group(general)
       ->check(CLI::Range(10, 100000000))
-      ->default_val(defaults.output_rate);
+      ->default_val(defaults.output_period_ms);
   app.add_flag("-p,--perfetto", s.perfetto, "Redirect output to perfetto trace")
       ->group(general)
       ->default_val(false);
@@ -73,15 +74,15 @@ std::optional<int> parse_command_line(int argc, const char* const* argv, Setting
           ->group(power)
           ->check(CLI::Range(0.0, 1.0))
           ->default_val(defaults.exp_smooth);
-  app.add_option("-w,--window", s.window,
+  app.add_option("-w,--window", s.window_size,
                  "Calculate power using a rolling average (default).\nN specifies number of "
                  "samples in rolling average window. Increasing will smooth output, but cause the "
                  "output to lag behind the true value. Decreasing will make output more volatile, "
                  "with less output lag. Window size defaults to " +
-                     std::to_string(defaults.window))
+                     std::to_string(defaults.window_size))
       ->group(power)
       ->check(CLI::Range(1, 1000))
-      ->default_val(defaults.window);
+      ->default_val(defaults.window_size);
   app.add_flag("--no-power", s.no_power, "Do not include power statistics")
       ->group(power)
       ->default_val(false);
@@ -145,7 +146,7 @@ std::optional<int> parse_command_line(int argc, const char* const* argv, Setting
     std::cerr << "Ignoring error." << std::endl;
   }
 
-  if (s.sample_rate > s.output_rate) {
+  if (s.sample_period_ms > s.output_period_ms) {
     std::cerr << "Sample rate must be smaller than or equal to output rate." << std::endl;
     return 1;
   }

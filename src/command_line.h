@@ -11,9 +11,9 @@ namespace emberline {
 // Everything the command line can set, with the defaults a run uses when nothing sets them.
 struct Settings {
   bool continue_charging = false;
-  unsigned int time = 0;
-  unsigned int sample_rate = 500;
-  unsigned int output_rate = 1000;
+  unsigned int time_s = 0;
+  unsigned int sample_period_ms = 500;
+  unsigned int output_period_ms = 1000;
   bool perfetto = false;
   bool file_flag = false;
   bool timing = false;
@@ -23,7 +23,7 @@ struct Settings {
   bool quiet = false;
 
   float exp_smooth = 0.2f;
-  unsigned int window = 20;
+  unsigned int window_size = 20;
   bool no_power = false;
 
   bool json = false;

@@ -21,10 +21,10 @@ void on_hangup(int) {
 void register_plugins(emberline::Emberline& engine, const emberline::Settings& s) {
   using emberline::PowerPath;
   if (!s.no_power && s.continue_charging) {
-    engine.register_power_plugin(PowerPath::USB, s.use_window, s.window, s.exp_smooth);
+    engine.register_power_plugin(PowerPath::USB, s.use_window, s.window_size, s.exp_smooth);
   }
   if (!s.no_power) {
-    engine.register_power_plugin(PowerPath::BATTERY, s.use_window, s.window, s.exp_smooth);
+    engine.register_power_plugin(PowerPath::BATTERY, s.use_window, s.window_size, s.exp_smooth);
   }
   if (s.example || s.all) engine.register_example_plugin();
 }
@@ -69,7 +69,7 @@ int main(int argc, char** argv) {
       if (settings.perfetto || settings.dsp_trace) {
         emberline::trace::start_session(emberline::default_trace_path(), settings.quiet);
       }
-      exit_code = engine.run(settings.time, settings.sample_rate, settings.output_rate);
+      exit_code = engine.run(settings.time_s, settings.sample_period_ms, settings.output_period_ms);
     }
   }
   emberline::trace::stop_session();

@@ -40,13 +40,13 @@ TEST(CommandLine, AcceptedSettings) {
       {{},
        kGeneric,
        [](const Settings& s) {
-         return s.time == 0 && s.sample_rate == 500 && s.output_rate == 1000 && s.use_window &&
-                s.window == 20 && s.exp_smooth == 0.2f && s.format() == OutputFormat::TEXT &&
-                !s.wants_file();
+         return s.time_s == 0 && s.sample_period_ms == 500 && s.output_period_ms == 1000 &&
+                s.use_window && s.window_size == 20 && s.exp_smooth == 0.2f &&
+                s.format() == OutputFormat::TEXT && !s.wants_file();
        }},
       {{"-s", "700", "-o", "700"},
        kGeneric,
-       [](const Settings& s) { return s.sample_rate == 700; }},
+       [](const Settings& s) { return s.sample_period_ms == 700; }},
       {{"--json", "--csv", "--inline"},
        kGeneric,
        [](const Settings& s) { return s.format() == OutputFormat::JSON; }},
@@ -59,7 +59,9 @@ TEST(CommandLine, AcceptedSettings) {
       {{"-f", "--file", "/a/b"},
        kGeneric,
        [](const Settings& s) { return s.wants_file() && s.file == "/a/b"; }},
-      {{"-w", "40"}, kGeneric, [](const Settings& s) { return s.use_window && s.window == 40; }},
+      {{"-w", "40"},
+       kGeneric,
+       [](const Settings& s) { return s.use_window && s.window_size == 40; }},
       {{"-e", "0.5", "-w", "40"},
        kGeneric,
        [](const Settings& s) { return !s.use_window && s.exp_smooth == 0.5f; }},
@@ -113,7 +115,7 @@ TEST(CommandLine, IgnoredErrorsAreReportedAndLaterOptionsKeepTheirDefaults) {
     std::vector<std::string> args;
     std::function<bool(const Settings&)> holds;
   } cases[] = {
-      {{"--bogus", "--ignore-error", "-t", "5"}, [](const Settings& s) { return s.time == 5; }},
+      {{"--bogus", "--ignore-error", "-t", "5"}, [](const Settings& s) { return s.time_s == 5; }},
       {{"--quillon-dram", "--ignore-error", "--example"},
        [](const Settings& s) { return s.example; }},
       // Smoothing was asked for, with a value out of range: the default alpha stands.
@@ -121,7 +123,7 @@ TEST(CommandLine, IgnoredErrorsAreReportedAndLaterOptionsKeepTheirDefaults) {
        [](const Settings& s) { return !s.use_window && s.exp_smooth == 0.2f; }},
       // --no-power is declared behind --window, so it is never stored.
       {{"-w", "0", "--ignore-error", "--no-power", "-t", "3"},
-       [](const Settings& s) { return !s.no_power && s.window == 20 && s.time == 3; }},
+       [](const Settings& s) { return !s.no_power && s.window_size == 20 && s.time_s == 3; }},
   };
   for (const auto& c : cases) {
     auto parsed = parse(c.args);
