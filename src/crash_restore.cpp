@@ -1,10 +1,15 @@
 #include "crash_restore.h"
 
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <utility>
 
 namespace emberline::crash_restore {
 
@@ -20,8 +25,60 @@ struct Entry {
 constexpr int kEntries = 32;
 Entry entries[kEntries];
 
+// The write end of the pipe the guard waits on; the guard hears "dismissed" or end of file.
+std::atomic<int> guard_fd{-1};
+pid_t guard_pid = -1;
+constexpr char kDismissed = 'D';
+
+void tell_guard_dismissed() {
+  int fd = guard_fd.exchange(-1);
+  if (fd < 0) return;
+  [[maybe_unused]] ssize_t ignored = ::write(fd, &kDismissed, 1);
+  ::close(fd);
+}
+
+// Closes every descriptor but those in `keep` (sorted), with async-signal-safe calls only.
+void close_all_but(const int* keep, int count) {
+  unsigned int from = 0;
+  for (int i = 0; i <= count; ++i) {
+    unsigned int to = i < count ? static_cast<unsigned int>(keep[i]) : ~0u;
+    if (to > from && ::syscall(SYS_close_range, from, to - 1, 0) != 0) {
+      // Kernels before 5.9: one by one, up to the limit the process had.
+      for (unsigned int fd = from; fd < to && fd < 65536; ++fd) ::close(static_cast<int>(fd));
+    }
+    from = to + 1;
+  }
+}
+
+[[noreturn]] void run_guard(int wait_fd) {
+  // Terminal signals reach the whole process group; the guard leaves it and ignores them, so that
+  // a CTRL-C that ends the run cleanly cannot take the guard with it.
+  ::setsid();
+  for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGQUIT, SIGTSTP})
+    std::signal(signal, SIG_IGN);
+  int keep[kEntries + 1];
+  int count = 0;
+  keep[count++] = wait_fd;
+  for (Entry& e : entries) {
+    int fd = e.fd.load(std::memory_order_relaxed);
+    if (fd >= 0) keep[count++] = fd;
+  }
+  for (int i = 1; i < count; ++i) {  // insertion sort: no library calls in a forked child
+    for (int j = i; j > 0 && keep[j] < keep[j - 1]; --j) std::swap(keep[j], keep[j - 1]);
+  }
+  close_all_but(keep, count);
+  char said = 0;
+  ssize_t got;
+  do {
+    got = ::read(wait_fd, &said, 1);
+  } while (got < 0 && errno == EINTR);
+  if (got != 1 || said != kDismissed) write_back_all();
+  ::_exit(0);
+}
+
 void on_fatal_signal(int signal) {
   write_back_all();
+  tell_guard_dismissed();
   // SA_RESETHAND has put back the default action, so this ends the process as the signal would
   // have: with a core dump where the system keeps one, and the signal's exit status.
   std::raise(signal);
@@ -52,6 +109,27 @@ void write_back_all() {
     if (fd >= 0) [[maybe_unused]]
       ssize_t ignored = ::pwrite(fd, e.bytes, e.size, 0);
   }
+}
+
+void start_exit_guard() {
+  if (guard_fd.load() >= 0) return;
+  int pipe_fds[2];
+  if (::pipe2(pipe_fds, O_CLOEXEC) != 0) return;
+  pid_t pid = ::fork();
+  if (pid == 0) run_guard(pipe_fds[0]);
+  ::close(pipe_fds[0]);
+  if (pid < 0) {
+    ::close(pipe_fds[1]);
+    return;
+  }
+  guard_pid = pid;
+  guard_fd.store(pipe_fds[1]);
+}
+
+void dismiss_exit_guard() {
+  tell_guard_dismissed();
+  if (guard_pid > 0) ::waitpid(guard_pid, nullptr, 0);
+  guard_pid = -1;
 }
 
 void install_fatal_signal_handlers() {

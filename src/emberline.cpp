@@ -80,9 +80,15 @@ void USBCharging::write_all(char byte) {
   }
 }
 
+void USBCharging::arm_crash_restore() {
+  if (crash_handles.empty()) {
+    for (int fd : fds) crash_handles.push_back(crash_restore::remember(fd, "0"));
+  }
+}
+
 void USBCharging::disable() {
   // Armed before the first '1', so that no moment passes with charging suspended and unguarded.
-  for (int fd : fds) crash_handles.push_back(crash_restore::remember(fd, "0"));
+  arm_crash_restore();
   write_all('1');
 }
 
@@ -205,6 +211,8 @@ constexpr std::int64_t ms(std::int64_t micros) {
 int Emberline::run(unsigned int time, unsigned int sample, unsigned int output) {
   if (!continue_charging) {
     output_message("Disabling charging...");
+    usb_charging.arm_crash_restore();
+    crash_restore::start_exit_guard();
     usb_charging.disable();
     charging_disabled = true;
     // Let the charger's current settle before the first reading.

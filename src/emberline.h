@@ -50,6 +50,8 @@ class USBCharging {
   USBCharging(const USBCharging&) = delete;
   USBCharging& operator=(const USBCharging&) = delete;
 
+  // Has the nodes written back should the process die; disable() does it too.
+  void arm_crash_restore();
   void disable();
   void enable();
 

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "crash_restore.h"
 #include "emberline.h"
 
 namespace emberline {
@@ -272,6 +273,7 @@ TEST(TimingLoop, StartMessagesAndChargingSettle) {
     h.clock->sleeps.resize(c.first_sleeps.size());
     EXPECT_EQ(h.clock->sleeps, c.first_sleeps);
   }
+  crash_restore::dismiss_exit_guard();
   stop_flag = false;
 }
 
