@@ -24,4 +24,47 @@ case " ${tool_args[*]-} " in
   *) tool_args=(-t 10 "${tool_args[@]}") ;;
 esac
 
-exec build/normal/sim/emberline-sim run "${sim_args[@]}" -- build/normal/emberline "${tool_args[@]}"
+# The run also writes its reports to a file, which tools/emberline-report then summarises and
+# plots under build/normal/demo/. The file stands in the sim's /data/local/tmp, which is the state
+# directory's data/local/tmp here; the demo keeps its own state directory unless given one.
+demo_dir=build/normal/demo
+report_ext=csv
+case " ${tool_args[*]-} " in
+  *" -f "* | *" --file "* | *" --file="* | *" --inline "* | *" --schema "* | *" -p "* | *" --perfetto "*)
+    report_ext= ;;
+  *" -j "* | *" --json "*) report_ext=json ;;
+  *" --csv "*) ;;
+  *) tool_args+=(--csv) ;;
+esac
+state=
+for ((i = 0; i < ${#sim_args[@]}; i++)); do
+  case "${sim_args[i]}" in
+    --state) state=${sim_args[i + 1]-} ;;
+    --state=*) state=${sim_args[i]#--state=} ;;
+  esac
+done
+if [[ -z "$state" ]]; then
+  state=$demo_dir/state
+  rm -rf "$state"
+  sim_args+=(--state "$state")
+fi
+mkdir -p "$demo_dir"
+[[ -n "$report_ext" ]] && tool_args+=(--file "/data/local/tmp/emberline-demo.$report_ext")
+tool=build/normal/emberline
+[[ -x "$tool" ]] || tool=build/normal/src/emberline
+status=0
+build/normal/sim/emberline-sim run "${sim_args[@]}" -- "$tool" "${tool_args[@]}" || status=$?
+report=$demo_dir/emberline-demo.$report_ext
+if [[ -n "$report_ext" && -s "$state/data/local/tmp/emberline-demo.$report_ext" ]]; then
+  cp "$state/data/local/tmp/emberline-demo.$report_ext" "$report"
+  plot_fields=()
+  [[ " ${tool_args[*]} " == *" --no-power "* ]] && plot_fields=(--fields '*')
+  echo
+  echo "Report file: $report"
+  tools/emberline-report summary "$report" | tee "$demo_dir/emberline-demo-summary.txt"
+  tools/emberline-report plot "$report" -o "$demo_dir/emberline-demo.png" "${plot_fields[@]}" &&
+    echo "Plot: $demo_dir/emberline-demo.png"
+else
+  echo "No CSV or JSON report file to summarise in this run." >&2
+fi
+exit "$status"
