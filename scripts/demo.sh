@@ -51,7 +51,6 @@ fi
 mkdir -p "$demo_dir"
 [[ -n "$report_ext" ]] && tool_args+=(--file "/data/local/tmp/emberline-demo.$report_ext")
 tool=build/normal/emberline
-[[ -x "$tool" ]] || tool=build/normal/src/emberline
 status=0
 build/normal/sim/emberline-sim run "${sim_args[@]}" -- "$tool" "${tool_args[@]}" || status=$?
 report=$demo_dir/emberline-demo.$report_ext
