@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
+#include <limits>
 
 namespace emberline {
 
@@ -39,6 +40,12 @@ void warn(const char* text) {
 
 bool is_digit(char c) {
   return c >= '0' && c <= '9';
+}
+
+// x86 makes 0 / 0 a NaN with the sign bit set, where the headset's ARM cores make it positive;
+// a figure without a tick reads "nan" on both.
+float published(float value) {
+  return std::isnan(value) ? std::numeric_limits<float>::quiet_NaN() : value;
 }
 
 // The whole of a file into `text`, reusing its storage. False if the file cannot be opened.
@@ -488,15 +495,16 @@ bool StatsPlugin::update_cpu_stats(
   if (!(this->*update_fn)()) return false;
   for (std::size_t i = 0; i < cluster_sections.size(); ++i) {
     CpuClusterSection& section = *cluster_sections[i];
-    section.avg_util->set(stats.cluster_avg_util[i]);
-    section.max_util->set(stats.cluster_max_util[i]);
+    section.avg_util->set(published(stats.cluster_avg_util[i]));
+    section.max_util->set(published(stats.cluster_max_util[i]));
     if (auto khz = read_cur_freq(cur_freq_paths[i])) {
       section.freq->set(static_cast<float>(static_cast<double>(*khz) / 1e6));
     } else {
       section.freq->set_null();
     }
   }
-  for (std::size_t i = 0; i < core_values.size(); ++i) core_values[i]->set(stats.core_util[i]);
+  for (std::size_t i = 0; i < core_values.size(); ++i)
+    core_values[i]->set(published(stats.core_util[i]));
   return true;
 }
 
