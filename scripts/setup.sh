@@ -7,6 +7,7 @@ packages=(
   libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev
   android-liblog-dev android-libbase-dev libselinux1-dev
   bubblewrap
+  sysstat
 )
 
 missing=()
