@@ -187,11 +187,11 @@ void step_stats(StatsState& s, const StatsParams& p, double load) {
   for (std::size_t c = 0; c < p.clusters.size(); ++c) {
     const ClusterParams& params = p.clusters[c];
     ClusterCounters& cluster = s.clusters[c];
-    std::array<double, 16> shares{};
     double demand = 0;
-    for (int k = 0; k < params.cores && k < 16; ++k) {
-      shares[static_cast<std::size_t>(k)] = core_share(params, k, load, unit_jitter(s));
-      demand = std::max(demand, shares[static_cast<std::size_t>(k)]);
+    for (int k = 0; k < params.cores; ++k) {
+      CoreCounters& core = s.cores[first + static_cast<std::size_t>(k)];
+      core.share = core_share(params, k, load, unit_jitter(s));
+      demand = std::max(demand, core.share);
     }
     const std::size_t row = governor_row(params.freqs_khz, demand);
     if (row != cluster.row) ++cluster.transitions[row];
@@ -199,7 +199,7 @@ void step_stats(StatsState& s, const StatsParams& p, double load) {
     ++cluster.total[row];
     for (int k = 0; k < params.cores; ++k) {
       CoreCounters& core = s.cores[first + static_cast<std::size_t>(k)];
-      core.carry += shares[static_cast<std::size_t>(std::min(k, 15))];
+      core.carry += core.share;
       if (core.carry >= 1.0) {
         core.carry -= 1.0;
         ++core.busy[row];

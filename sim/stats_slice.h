@@ -29,6 +29,7 @@ struct CoreCounters {
   std::array<unsigned long, 10> ticks{};
   std::vector<unsigned long> busy;  // by frequency row
   std::vector<unsigned long> idle;
+  double share = 0;          // busy share asked of this tick
   double carry = 0;          // busy share not yet a whole tick
   unsigned int pattern = 0;  // spreads busy ticks over user, system, irq...
 };
