@@ -28,52 +28,11 @@ Node recorded(std::string path, Recording recording) {
   return {std::move(path), {}, {}, recording};
 }
 
-using CpuTicks = std::array<unsigned long, 10>;
-
-// An eight-core headset about an hour after boot, its big cores mostly idle.
-constexpr std::array<CpuTicks, 8> kCpuTicks{{
-    {41230, 912, 18444, 289310, 1204, 3021, 1720, 0, 0, 0},
-    {38817, 877, 16025, 294470, 1133, 1210, 1380, 0, 0, 0},
-    {37402, 865, 15512, 296310, 1098, 1102, 1251, 0, 0, 0},
-    {36944, 843, 15101, 297022, 1065, 1077, 1204, 0, 0, 0},
-    {20113, 402, 8420, 320870, 512, 488, 602, 0, 0, 0},
-    {19877, 398, 8302, 321240, 498, 470, 588, 0, 0, 0},
-    {19630, 391, 8211, 321533, 487, 466, 577, 0, 0, 0},
-    {9311, 120, 4013, 336120, 211, 190, 244, 0, 0, 0},
-}};
-
-std::string cpu_row(const std::string& name, const CpuTicks& ticks) {
-  std::string row = name;
-  for (unsigned long t : ticks) row += " " + std::to_string(t);
-  return row + "\n";
-}
-
-std::string proc_stat() {
-  CpuTicks total{};
-  for (const CpuTicks& cpu : kCpuTicks) {
-    for (size_t i = 0; i < total.size(); ++i) total[i] += cpu[i];
-  }
-  // The kernel pads the summary row's name with two blanks.
-  std::string text = cpu_row("cpu ", total);
-  for (size_t i = 0; i < kCpuTicks.size(); ++i)
-    text += cpu_row("cpu" + std::to_string(i), kCpuTicks[i]);
-  text +=
-      "intr 48213377 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n"
-      "ctxt 91836422\n"
-      "btime 1700000000\n"
-      "processes 40215\n"
-      "procs_running 2\n"
-      "procs_blocked 0\n"
-      "softirq 20366211 4120 5981311 13 402119 0 0 1204431 7331050 0 5443167\n";
-  return text;
-}
-
 // What every headset has: its identity and the places the tool writes to.
 void add_base(Profile& p) {
   p.nodes.push_back(
       fixed("/system/build.prop", "ro.build.version.sdk=32\nro.product.name=" + p.device +
                                       "\nro.product.device=" + p.device + "\n"));
-  p.nodes.push_back(fixed("/proc/stat", proc_stat()));
   p.dirs.insert(p.dirs.end(), {"/system/bin", "/data/local/tmp", "/data/misc/dsp"});
 }
 
@@ -105,6 +64,7 @@ Profile make(std::string name, std::string device, PowerParams power) {
   p.model = {power, kWorkload};
   add_base(p);
   add_power_supply(p);
+  add_stats_slice(p);
   return p;
 }
 

@@ -13,6 +13,7 @@
 #include "crash_restore.h"
 #include "plugins/example_plugin.h"
 #include "plugins/power_plugin.h"
+#include "plugins/stats_plugin.h"
 
 namespace emberline {
 
@@ -193,6 +194,13 @@ void Emberline::register_power_plugin(PowerPath path, bool use_window, unsigned 
   plugin_manager.add_plugin(key, plugin,
                             PluginManager::PluginFieldOptions("Device " + name + " power data",
                                                               "Power (" + name + ")", false));
+}
+
+void Emberline::register_stats_plugin(bool cycle) {
+  plugin_manager.add_plugin(
+      "stats", std::make_shared<StatsPlugin>(cycle),
+      PluginManager::PluginFieldOptions("Stats about CPU, GPU and other device properties", "Stats",
+                                        false));
 }
 
 void Emberline::register_example_plugin() {

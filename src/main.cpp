@@ -26,6 +26,7 @@ void register_plugins(emberline::Emberline& engine, const emberline::Settings& s
   if (!s.no_power) {
     engine.register_power_plugin(PowerPath::BATTERY, s.use_window, s.window_size, s.exp_smooth);
   }
+  if (s.stats || s.all) engine.register_stats_plugin(s.cycle);
   if (s.example || s.all) engine.register_example_plugin();
 }
 

@@ -179,7 +179,8 @@ TEST_F(SandboxTest, CommandSeesTheHeadsetAndTheHostKeepsNothingOfTheRun) {
       {"TMPDIR=" + tmp.path()});
   std::string current =
       micro_units(DeviceModel(find_profile("generic")->model, 1).state().battery_a);
-  EXPECT_EQ(o.output, "class\n8\nro.product.device=generic\nself\nrrrr\nfifo\n" + current + "x\n");
+  EXPECT_EQ(o.output,
+            "class\ndevices\n8\nro.product.device=generic\nself\nrrrr\nfifo\n" + current + "x\n");
   std::istringstream each(places);
   for (std::string p; each >> p;) EXPECT_FALSE(fs::exists(p + "/" + token)) << p;
   EXPECT_TRUE(fs::is_empty(tmp.path())) << "the temporary state dir is removed";

@@ -1,0 +1,153 @@
+// The stats plugin in a frozen generic headset (cores 0-3 and 4-7): reports of crafted counters,
+// the warnings for missing sources, and a run that loses /proc/stat.
+
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+#include "harness.h"
+
+namespace {
+
+const std::string kCpufreq = "/sys/devices/system/cpu/cpufreq/";
+const std::string kKgsl = "/sys/class/kgsl/kgsl-3d0/";
+const std::string kBattery = "/sys/class/power_supply/battery/";
+
+std::string state_path(const std::string& device_path) {
+  return std::string(std::getenv("EMBERLINE_SIM_STATE")) + device_path;
+}
+
+// /proc is read-only inside; its files are written where the sim keeps them.
+void write_proc_stat(const std::string& text) {
+  e2e::write_file(state_path("/proc/stat"), text);
+}
+
+TEST(Stats, ReportsCraftedCountersInEveryFigure) {
+  write_proc_stat(
+      "cpu  19 2 13 192 15 6 7 8 9 10\n"
+      "cpu0 10 0 10 70 10 0 0 0 0 0\n"
+      "cpu1 1 2 3 4 5 6 7 8 9 10\n"
+      "cpu2 0 0 0 100 0 0 0 0 0 0\n"
+      "intr 1 2 3\nctxt 99\nbtime 1\n"
+      "cpu4 3 0 0 1 0 0 0 0 0 0\n"
+      "cpu5 1 0 0 2 0 0 0 0 0 0\n"
+      "cpu6 0 0 0 0 0 0 0 0 0 0\n"
+      "cpu7 5 0 0 5 0 0 0 0 0 0\n"
+      "cpu9 1 1 1 1 1 1 1 1 1 1\n");
+  e2e::write_file(kCpufreq + "policy0/cpuinfo_cur_freq", "1804800\n");
+  e2e::write_file(kCpufreq + "policy4/cpuinfo_cur_freq", "710400\n");
+  std::remove((kKgsl + "gpubusy_accum").c_str());
+  e2e::write_file(kKgsl + "gpubusy", "    250    1000\n");
+  e2e::write_file(kKgsl + "clock_mhz", "525\n");
+  e2e::write_file("/sys/class/backlight/panel0-backlight/bl_power", "4\n");
+  e2e::write_file(kBattery + "charge_counter", "3101234\n");
+  e2e::write_file(kBattery + "charge_full", "5000000\n");
+
+  struct Case {
+    std::vector<std::string> extra;
+    std::string out;
+  } cases[] = {
+      // Core 3 is offline, core 6 saw no tick and cpu9 lies outside the topology.
+      {{},
+       "sequence: 1 | timestamp: 1.000 | device_timestamp: <epoch>\n"
+       "[Stats] screen: off | bat: 62.025%\n"
+       "    [CPU] 0: 20.000% | 1: 83.636% | 2: 0.000% | 3: 0.000% | 4: 75.000% | 5: 33.333% | "
+       "6: nan% | 7: 50.000%\n"
+       "    [CPU0-3] freq: 1.805Ghz | avg: 25.909% | max: 83.636%\n"
+       "    [CPU4-7] freq: 0.710Ghz | avg: nan% | max: 75.000%\n"
+       "    [GPU] freq: 0.525Ghz | util: 25.000%\n------\n"},
+      // The cycle-based figures start at zero, the frequencies do not (values line alone).
+      {{"--cycle", "--csv"},
+       "1,1.000,<epoch>,false,0.62025,0.20000,0.83636,0.00000,0.00000,0.75000,0.33333,nan,"
+       "0.50000,1.805,0.25909,0.83636,0.710,nan,0.75000,0.00000,0.00000,0.00000,0.00000,0.00000,"
+       "0.00000,0.00000,0.00000,1.805,0.00000,0.00000,0.710,0.00000,0.00000,0.525,0.25000\n"},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> args{"--no-power", "--stats", "-t", "1"};
+    args.insert(args.end(), c.extra.begin(), c.extra.end());
+    auto result = e2e::run(args);
+    EXPECT_EQ(result.exit_code, 0) << result.err;
+    std::string out = e2e::round_seconds(e2e::mask_times(result.out));
+    if (c.extra.size() > 0) out = out.substr(out.find('\n') + 1);  // past the CSV header
+    EXPECT_EQ(out, c.out);
+    EXPECT_EQ(result.err.find("WARNING"), std::string::npos) << result.err;
+  }
+}
+
+TEST(Stats, MissingSourcesWarnAtStartAndReportNull) {
+  for (const std::string& path :
+       {kKgsl + "gpubusy_accum", kKgsl + "gpubusy", kKgsl + "clock_mhz",
+        std::string("/sys/class/backlight/panel0-backlight/bl_power"), kBattery + "charge_counter",
+        kCpufreq + "policy4/cpuinfo_cur_freq", kCpufreq + "policy0/stats/time_in_state"}) {
+    ASSERT_EQ(std::remove(path.c_str()), 0) << path;
+  }
+  auto result = e2e::run({"--no-power", "--stats", "--cycle", "-t", "1"});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.err,
+            "Failed to open " + kCpufreq + "policy0/stats/time_in_state\n" +
+                "WARNING: stats: cycle based util is not available on this machine.\n"
+                "WARNING: stats: failed to read screen status\n"
+                "WARNING: stats: failed to read GPU util\n"
+                "WARNING: stats: failed to read GPU freq\n"
+                "WARNING: stats: failed to read battery level\n"
+                "WARNING: stats: failed to read CPU frequency\n"
+                "Disabling charging...\nStarting 1 second trace. \nPress CTRL-C to stop...\n\n\n"
+                "Enabling charging...\n");
+  auto out = e2e::lines(result.out);
+  ASSERT_EQ(out.size(), 7u) << result.out;
+  EXPECT_EQ(out[1], "[Stats] screen: null | bat: null");
+  EXPECT_EQ(out[4].substr(0, 28), "    [CPU4-7] freq: null | av");
+  EXPECT_EQ(out[5], "    [GPU] freq: null | util: null");
+}
+
+// Takes `capability` from what a command started from here can have.
+bool drop_across_exec(int capability) {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct data[2]{};
+  if (syscall(SYS_capget, &header, data) != 0) return false;
+  data[0].inheritable &= ~(1u << capability);
+  return syscall(SYS_capset, &header, data) == 0 &&
+         prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0) == 0 &&
+         prctl(PR_CAPBSET_DROP, capability, 0, 0, 0) == 0;
+}
+
+TEST(Stats, LosingProcStatEndsTheRunWithOneAndGivesChargingBack) {
+  const char* const nodes[] = {"/sys/class/qcom-battery/input_suspend",
+                               "/sys/class/power_supply/battery/input_suspend",
+                               "/sys/class/power_supply/usb/input_suspend",
+                               "/sys/class/power_supply/wireless/input_suspend"};
+  for (const char* node : nodes) chmod(node, 0666);
+  // Root reads past file modes with either of two capabilities; the harness takes the other.
+  ASSERT_TRUE(drop_across_exec(CAP_DAC_READ_SEARCH));
+  ASSERT_EQ(chmod(state_path("/proc/stat").c_str(), 0), 0);
+  e2e::Options restricted;
+  restricted.without_dac_override = true;
+  auto result = e2e::run({"--no-power", "--stats", "-t", "5"}, restricted);
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err,
+            "Disabling charging...\nStarting 5 second trace. \nPress CTRL-C to stop...\n\n\n"
+            "Failed to open /proc/stat\nERROR: Output update failed for plugin 'stats'\n"
+            "Enabling charging...\n");
+
+  // Charging suspended and resumed: the sim logs each write a moment after the tool made it.
+  std::vector<std::string> expected, writes;
+  for (const char* byte : {"31", "30"}) {
+    for (const char* node : nodes) expected.push_back(std::string(node) + " 0 " + byte);
+  }
+  for (int attempt = 0; attempt < 500 && writes.size() < expected.size(); ++attempt) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    writes = e2e::lines(e2e::read_file(state_path("/writes.log")));
+    for (auto& line : writes) line.erase(0, line.find(' ') + 1);
+  }
+  EXPECT_EQ(writes, expected);
+}
+
+}  // namespace

@@ -1,0 +1,319 @@
+// The stats plugin in-process: its parsers on text, its topology and tree on a cpufreq directory
+// of our own, both utilisation methods on crafted counters, the GPU readers on a fake reader.
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "plugins/stats_plugin.h"
+
+namespace emberline {
+namespace {
+
+namespace fs = std::filesystem;
+using Row = std::vector<unsigned long>;
+constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+
+// A cpufreq directory of files given as relative path and text.
+struct CpufreqDir {
+  explicit CpufreqDir(const std::map<std::string, std::string>& files) {
+    std::string pattern = (fs::temp_directory_path() / "stats-test.XXXXXX").string();
+    path = mkdtemp(pattern.data());
+    for (const auto& [name, text] : files) write(name, text);
+  }
+  ~CpufreqDir() { fs::remove_all(path); }
+  void write(const std::string& name, const std::string& text) const {
+    fs::create_directories(fs::path(path + "/" + name).parent_path());
+    std::ofstream(path + "/" + name) << text;
+  }
+  std::string path;
+};
+
+// Opens up the plugin's steps and tables to the tests.
+struct Stats : StatsPlugin {
+  Stats(bool cycle, const std::string& dir) : StatsPlugin(cycle, dir) {}
+  using StatsPlugin::account_proc_stat, StatsPlugin::clusters, StatsPlugin::cycle_stats,
+      StatsPlugin::cycle_util_available, StatsPlugin::freq_table, StatsPlugin::num_clusters,
+      StatsPlugin::num_cores, StatsPlugin::time_stats, StatsPlugin::update_cpu_stats_by_cpu_cycles;
+};
+
+// Bit for bit, a not-a-number equal to any other.
+void expect_same(const StatsPlugin::CpuStats& s, const std::vector<std::vector<float>>& expected,
+                 const std::string& what) {
+  const std::vector<float>* actual[] = {&s.core_util, &s.cluster_avg_util, &s.cluster_max_util};
+  for (std::size_t v = 0; v < 3; ++v) {
+    ASSERT_EQ(actual[v]->size(), expected[v].size()) << what;
+    for (std::size_t i = 0; i < expected[v].size(); ++i) {
+      const float a = (*actual[v])[i], e = expected[v][i];
+      EXPECT_TRUE(std::isnan(e) ? std::isnan(a) : a == e) << what << ": "
+                                                          << (v == 0   ? "core "
+                                                              : v == 1 ? "avg "
+                                                                       : "max ")
+                                                          << i << " is " << a;
+    }
+  }
+}
+
+TEST(StatsParsers, WordsSplitAtBlanksAndNumbersLeaveOutWordsWithoutOne) {
+  // Line, first word, what the line keeps.
+  for (auto [line, word, rest] :
+       std::vector<std::array<std::string, 3>>{{"cpu0 12 34", "cpu0", "12 34"},
+                                               {"cpu  12 34", "cpu", "12 34"},
+                                               {"34", "34", ""},
+                                               {"", "", ""},
+                                               {"intr x 5", "intr", "5"},
+                                               {"a b", "a", "b"},
+                                               {"cpu0\t12 34", "cpu0\t12", "34"},
+                                               {" 12 34", "12 34", ""},
+                                               {"12 ", "12", ""}}) {
+    EXPECT_EQ(get_first_word(line), word) << line;
+    EXPECT_EQ(line, rest) << word;
+  }
+  for (auto [text, numbers] : std::vector<std::pair<std::string, Row>>{
+           {"47 15 11 162 52 0 3 0 0 0", {47, 15, 11, 162, 52, 0, 3, 0, 0, 0}},
+           {"", {}},
+           {"12  34", {12, 34}},
+           {"12 x 34", {12, 34}},
+           {"12 34 abc", {12, 34}},
+           {"abc", {}},
+           {"7abc 8", {7, 8}},
+           {"18446744073709551615 1", {18446744073709551615ul, 1}},
+           {"18446744073709551616 1", {1}}}) {
+    EXPECT_EQ(get_cpu_stat(text), numbers) << text;
+    EXPECT_EQ(text, "");
+  }
+  using P = std::optional<std::pair<int, int>>;
+  for (auto [line, cluster] : std::vector<std::pair<std::string, P>>{{"0 1 2 3\n", P({0, 3})},
+                                                                     {"4 5 7", P({4, 7})},
+                                                                     {"7\n", P({7, 7})},
+                                                                     {"0 1 2 3 \n", P({0, 3})},
+                                                                     {"", {}},
+                                                                     {"\n", {}},
+                                                                     {"3 1", {}},
+                                                                     {"x", {}},
+                                                                     {"-1 2", {}},
+                                                                     {"0 99999", {}}}) {
+    EXPECT_EQ(parse_affected_cpus(line), cluster) << line;
+  }
+}
+
+TEST(StatsTopology, PoliciesInAnyOrderGiveSortedClustersAndAStrayDirOneLine) {
+  for (bool reversed : {false, true}) {
+    CpufreqDir dir({});
+    std::vector<std::pair<std::string, std::string>> policies{
+        {"policy4", "4 5 6 7\n"}, {"policy0", "0 1 2 3\n"}, {"policy9", "\n"}};
+    if (reversed) std::reverse(policies.begin(), policies.end());
+    for (const auto& [name, cpus] : policies) dir.write(name + "/affected_cpus", cpus);
+    dir.write("schedutil/tunable", "1\n");
+    dir.write("stray_file", "0 1\n");
+    testing::internal::CaptureStderr();
+    Stats stats(false, dir.path);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Failed to open " + dir.path + "/schedutil/affected_cpus\n");
+    EXPECT_EQ(stats.clusters, (std::vector<std::pair<int, int>>{{0, 3}, {4, 7}}));
+    EXPECT_EQ(stats.num_cores, 8);
+    EXPECT_EQ(stats.num_clusters, 2);
+  }
+}
+
+// Every schema row's name (key or label by format) or description, in order.
+std::string schema_column(const Stats& stats, OutputFormat format, bool description) {
+  std::istringstream text(stats.get_description(format));
+  std::string line, out;
+  for (int heading = 0; heading < 2; ++heading) std::getline(text, line);
+  while (std::getline(text, line)) {
+    const std::size_t colon = line.find(":  ");
+    std::string cell = description ? line.substr(colon + 3) : line.substr(0, colon);
+    cell = cell.substr(cell.find_first_not_of(' '));
+    out += (out.empty() ? "" : ",") + cell.substr(0, cell.find_last_not_of(' ') + 1);
+  }
+  return out;
+}
+
+TEST(StatsTree, KeysLabelsAndDescriptionsWithAndWithoutCycles) {
+  CpufreqDir dir({{"policy0/affected_cpus", "0 1\n"},
+                  {"policy2/affected_cpus", "2\n"},
+                  {"policy0/stats/time_in_state", "300000 5 1 1 2 3 4 5\n"},
+                  {"policy2/stats/time_in_state", "700000 5 1 1 2 3\n"}});
+  const std::string head = "screen_on,battery_level,cpu,cpu_time0,cpu_time1,cpu_time2,";
+  const std::string cluster = ",freq,avg_util,max_util,";
+  const std::string tail = "gpu,freq,util";
+  const std::string cycl =
+      "cpu_cycl,cpu_cycl0,cpu_cycl1,cpu_cycl2,cpu_cycl0-1" + cluster + "cpu_cycl2" + cluster;
+  const std::string labels = "screen,bat,CPU,0,1,2,";
+  Stats plain(false, dir.path), cycles(true, dir.path);
+  ASSERT_TRUE(cycles.cycle_util_available);
+  EXPECT_EQ(schema_column(plain, OutputFormat::JSON, false),
+            head + "cpu0-1" + cluster + "cpu2" + cluster + tail);
+  EXPECT_EQ(schema_column(plain, OutputFormat::TEXT, false),
+            labels + "CPU0-1,freq,avg,max,CPU2,freq,avg,max,GPU,freq,util");
+  EXPECT_EQ(schema_column(cycles, OutputFormat::JSON, false),
+            head + "cpu_time0-1" + cluster + "cpu_time2" + cluster + cycl + tail);
+  EXPECT_EQ(schema_column(cycles, OutputFormat::TEXT, false),
+            "screen,bat,CPU (time),0,1,2,CPU0-1 (time),freq,avg,max,CPU2 (time),freq,avg,max,"
+            "CPU (cycl),0,1,2,CPU0-1 (cycl),freq,avg,max,CPU2 (cycl),freq,avg,max,GPU,freq,util");
+  const std::string in_cluster =
+      ",Frequency (in Gigahertz) for all cores in this cluster,"
+      "Average utilization across all cores in this cluster,"
+      "Max utilization across all cores in this cluster,";
+  auto cores = [&](std::string per_core, const std::string& method) {
+    for (const char* i : {"0", "1", "2"})
+      per_core += ",cpu_" + method + i + " utilization percentage";
+    return per_core + ",Info about CPU cluster containing cores 0-1" + in_cluster +
+           "Info about CPU cluster containing cores 2" + in_cluster;
+  };
+  const std::string own = "Whether or not the screen is turned on,Current battery charge level,";
+  const std::string gpu = "Info about GPU,GPU frequency (in Gigahertz),GPU utilization percentage";
+  EXPECT_EQ(schema_column(plain, OutputFormat::TEXT, true),
+            own + cores("Per-core utilization", "time") + gpu);
+  EXPECT_EQ(schema_column(cycles, OutputFormat::TEXT, true),
+            own + cores("Per-core time based utilization", "time") +
+                cores("Per-core cycl based utilization", "cycl") + gpu);
+  // Nothing has a reading before the first output.
+  EXPECT_EQ(cycles.to_csv().find_first_not_of("nul,"), std::string::npos) << cycles.to_csv();
+}
+
+TEST(StatsTree, CycleCheckNeedsTheExtendedFormatOfEveryCluster) {
+  // The second cluster's time_in_state, none for a missing file; the error it costs.
+  for (auto [second, err] : std::vector<std::pair<std::optional<std::string>, std::string>>{
+           {"300000 5 1 1 2 3\n250 5 1 1 2 3\n", ""},
+           {"300000 5\n", "WARNING"},  // the kernel's plain format
+           {std::nullopt, "Failed to open <dir>/policy1/stats/time_in_state\nWARNING"},
+           {"", "WARNING"}}) {
+    CpufreqDir dir({{"policy0/affected_cpus", "0\n"},
+                    {"policy1/affected_cpus", "1\n"},
+                    {"policy0/stats/time_in_state", "100000 5 1 1 2 3\n"}});
+    if (second) dir.write("policy1/stats/time_in_state", *second);
+    if (err.find("<dir>") != std::string::npos) err.replace(err.find("<dir>"), 5, dir.path);
+    if (!err.empty()) err += ": stats: cycle based util is not available on this machine.\n";
+    testing::internal::CaptureStderr();
+    Stats stats(true, dir.path);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), err);
+    EXPECT_EQ(stats.cycle_util_available, err.empty());
+    // Weights are the frequency over the tick rate of 100, in whole numbers.
+    if (err.empty()) {
+      EXPECT_EQ(stats.freq_table, (std::vector<Row>{{1000}, {3000, 2}}));
+    }
+  }
+}
+
+// Successive /proc/stat texts for cores 0-1 and 2-3, and what each pass gives.
+TEST(StatsTimeMethod, CoresAndClustersFollowTheTicksBetweenPasses) {
+  CpufreqDir dir({{"policy0/affected_cpus", "0 1\n"}, {"policy2/affected_cpus", "2 3\n"}});
+  Stats stats(false, dir.path);
+  const float u0 = 1.0f - 80.0f / 100.0f, u3 = 1.0f - 10.0f / 22.0f;
+  for (auto [text, expected] : std::vector<std::pair<std::string, std::vector<std::vector<float>>>>{
+           // From zero: since boot. Core 2 is offline: 0, and its cluster still divides by two.
+           // Core 3's sums wrap at 32 bits and divide as signed numbers: -6 / -12.
+           {"cpu  40 0 10 130 60 0 0 0 0 0\ncpu0 10 0 10 70 10 0 0 0 0 0\n"
+            "cpu1 0 0 0 50 50 0 0 0 0 0\nintr 1 2 3\nctxt 99\nbtime 1\n"
+            "cpu3 4294967290 0 0 4294967290 0 0 0 0 0 0\ncpu9 1 1 1 1 1 1 1 1 1 1\n",
+            {{u0, 0.0f, 0.0f, 0.5f}, {(0.0f + u0 + 0.0f) / 2.0f, 0.25f}, {u0, 0.5f}}},
+           // Core 0 without a tick: not a number, in its average too but not in the maximum.
+           // Core 3's 32-bit counters wrapped past zero; all columns count. A short row is padded.
+           {"cpu0 10 0 10 70 10 0 0 0 0 0\ncpu1 1 0 0 53 50 0 0 0 0 1\ncpu2 5 0 0 5\n"
+            "cpu3 6 0 0 4294967300 0 0 0 0 0 0\n",
+            {{kNan, 1.0f - 3.0f / 5.0f, 0.5f, u3},
+             {kNan, ((0.0f + 0.5f) + u3) / 2.0f},
+             {1.0f - 3.0f / 5.0f, u3}}}}) {
+    stats.account_proc_stat(text);
+    expect_same(stats.time_stats, expected, text);
+  }
+}
+
+TEST(StatsTimeMethod, ACoreInNoClusterReportsAloneAndOneBeyondIsPassedOver) {
+  // Clusters 0 and 2 make two cores: core 1 lies in no cluster, core 2 outside the tables.
+  CpufreqDir dir({{"policy0/affected_cpus", "0\n"},
+                  {"policy2/affected_cpus", "2\n"},
+                  {"policy0/stats/time_in_state", "1000 10 0 0 5 5\n"},
+                  {"policy2/stats/time_in_state", "1000 10 0 0 5 5\n"}});
+  Stats stats(true, dir.path);
+  stats.account_proc_stat("cpu0 1 0 0 3 0 0 0 0 0 0\ncpu1 1 0 0 1 0 0 0 0 0 0\ncpu2 3 0 0 1\n");
+  expect_same(stats.time_stats, {{0.25f, 0.5f}, {0.25f, 0.0f}, {0.25f, 0.0f}}, "ticks");
+  ASSERT_TRUE(stats.update_cpu_stats_by_cpu_cycles());
+  dir.write("policy0/stats/time_in_state", "1000 20 0 0 10 10\n");
+  ASSERT_TRUE(stats.update_cpu_stats_by_cpu_cycles());
+  expect_same(stats.cycle_stats, {{0.5f, 0.0f}, {0.5f, kNan}, {0.5f, 0.0f}}, "cycles");
+}
+
+// One cluster of two cores, frequency rows weighing 10 and 20, and the text of each pass.
+TEST(StatsCycleMethod, WeighsEachRowByItsFrequencyAndAveragesClusterSums) {
+  const std::string tis = "policy0/stats/time_in_state";
+  CpufreqDir dir({{"policy0/affected_cpus", "0 1\n"},
+                  {tis, "1000 100 0 0 50 50 50 50\n2000 100 0 0 50 50 50 50\n"}});
+  Stats stats(true, dir.path);
+  const auto f = [](double d) { return static_cast<float>(d); };
+  for (auto [text, expected] : std::vector<std::pair<std::string, std::vector<std::vector<float>>>>{
+           // The first pass takes the counters: all zero.
+           {"1000 100 0 0 50 50 50 50\n2000 100 0 0 50 50 50 50\n", {{0, 0}, {0}, {0}}},
+           // Core 0: busy 5*10 + 1*20, idle 5*10 + 9*20. Core 1: 3 busy and 3 idle of 10 in the
+           // first row leave 4 * 10 as other, which counts as used. The cluster: 1 - 360 / 600.
+           {"1000 110 0 0 55 55 53 53\n2000 110 0 0 51 59 55 55\n",
+            {{f(1.0 - 230.0 / 300.0), f(1.0 - 130.0 / 300.0)},
+             {f(1.0 - 360.0 / 600.0)},
+             {f(1.0 - 130.0 / 300.0)}}},
+           // Total time moved, idle did not: 1.0, whatever busy did.
+           {"1000 120 0 0 60 55 53 53\n2000 110 0 0 51 59 55 55\n", {{1, 1}, {1}, {1}}},
+           // Nothing moved: not a number, which the maximum passes over.
+           {"1000 120 0 0 60 55 53 53\n2000 110 0 0 51 59 55 55\n", {{kNan, kNan}, {kNan}, {0}}},
+           // A row gained since start-up has no weight and is passed over.
+           {"1000 130 0 0 60 65 53 53\n2000 110 0 0 51 59 55 55\n3000 1 0 0 1 1 1 1\n",
+            {{0, 1}, {f(1.0 - 100.0 / 200.0)}, {1}}}}) {
+    dir.write(tis, text);
+    ASSERT_TRUE(stats.update_cpu_stats_by_cpu_cycles());
+    expect_same(stats.cycle_stats, expected, text);
+  }
+  dir.write(tis, "1000 140 0 0 60 65 53\n2000 110 0 0 51 59 55 55\n");
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(stats.update_cpu_stats_by_cpu_cycles());
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Failed update busy and idle time\n");
+}
+
+// Files by path; a missing path does not exist.
+struct FakeReader : FileReader {
+  std::string ReadFile(std::string path) override { return files.count(path) ? files[path] : ""; }
+  bool Exists(std::string path) override { return files.count(path) != 0; }
+  std::map<std::string, std::string> files;
+};
+
+TEST(StatsGpu, UtilizationPrefersTheAccumulatingCountersAndFreqIsMegahertz) {
+  const std::string accum = "/sys/class/kgsl/kgsl-3d0/gpubusy_accum",
+                    busy = "/sys/class/kgsl/kgsl-3d0/gpubusy",
+                    clock = "/sys/class/kgsl/kgsl-3d0/clock_mhz";
+  const auto saved = file_reader;
+  auto fake = std::make_shared<FakeReader>();
+  file_reader = fake;
+  using Files = std::map<std::string, std::string>;
+  const std::optional<float> none, inf = std::numeric_limits<float>::infinity();
+  // Each run: the files at each call, and the utilisation and frequency read.
+  for (const auto& run :
+       std::vector<std::vector<std::tuple<Files, std::optional<float>, std::optional<float>>>>{
+           {{{{accum, "50 200"}, {busy, "1 2"}, {clock, "525\n"}}, 0.25f, 0.525f},
+            {{{accum, "100 400"}, {busy, "1 2"}, {clock, "0"}}, 0.25f, 0.0f},
+            {{{accum, "100 400"}, {busy, "1 2"}, {clock, "abc"}}, none, 0.0f},  // 0 / 0
+            {{{accum, "110 400"}}, inf, none},
+            // Empty accumulating text falls through to the period counters.
+            {{{accum, ""}, {busy, "   1000    4000\n"}}, 0.25f, none}},
+           // Without the accumulating file at the first call, only the period counters count.
+           {{{{busy, "0 0"}}, none, none}, {{{accum, "1 2"}, {busy, "3 4"}}, 0.75f, none}},
+           // Neither at the first call: never a reading, even when they come later.
+           {{{}, none, none}, {{{accum, "1 2"}, {busy, "3 4"}}, none, none}}}) {
+    CpufreqDir dir({});
+    Stats stats(false, dir.path);
+    for (const auto& [files, util, freq] : run) {
+      fake->files = files;
+      float got_util = -1, got_freq = -1;
+      EXPECT_EQ(stats.get_gpu_utilization(got_util) ? std::optional(got_util) : none, util);
+      EXPECT_EQ(stats.get_gpu_freq(got_freq) ? std::optional(got_freq) : none, freq);
+    }
+  }
+  file_reader = saved;
+}
+
+}  // namespace
+}  // namespace emberline
