@@ -11,6 +11,9 @@
 #include <thread>
 
 #include "plugins/example_plugin.h"
+#include "plugins/file_plugin.h"
+#include "plugins/logcat_dsp_plugin.h"
+#include "plugins/logcat_ravelin_plugin.h"
 #include "plugins/power_plugin.h"
 
 namespace emberline {
@@ -179,6 +182,24 @@ void Emberline::register_example_plugin() {
       "example", std::make_shared<ExamplePlugin>(),
       PluginManager::PluginFieldOptions("Example plugin with sample and output counts", "Example",
                                         false));
+}
+
+void Emberline::register_ravelin_plugin() {
+  plugin_manager.add_plugin("ravelin", std::make_shared<LogcatRavelinPlugin>(),
+                            PluginManager::PluginFieldOptions(
+                                "Values read from Ravelin logcat entries", "Ravelin", false));
+}
+
+void Emberline::register_dsp_plugin() {
+  plugin_manager.add_plugin("dsp", std::make_shared<LogcatDspPlugin>(),
+                            PluginManager::PluginFieldOptions(
+                                "DSP utilization percentage, average and max", "DSP", false));
+}
+
+void Emberline::register_tail_plugin(std::vector<std::string> files) {
+  plugin_manager.add_plugin(
+      "files", std::make_shared<FilePlugin>(std::move(files)),
+      PluginManager::PluginFieldOptions("Additional Files to log", "Files", false));
 }
 
 namespace {

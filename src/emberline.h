@@ -99,6 +99,9 @@ class Emberline {
   void register_power_plugin(PowerPath path, bool use_window, unsigned int window_size,
                              float alpha);
   void register_example_plugin();
+  void register_ravelin_plugin();
+  void register_dsp_plugin();
+  void register_tail_plugin(std::vector<std::string> files);
 
   // For tests: the root of the output tree.
   PluginManager& manager() { return plugin_manager; }

@@ -23,6 +23,9 @@ void register_plugins(emberline::Emberline& engine, const emberline::Settings& s
   if (!s.no_power) {
     engine.register_power_plugin(PowerPath::BATTERY, s.use_window, s.window, s.exp_smooth);
   }
+  if (s.ravelin || s.all) engine.register_ravelin_plugin();
+  if (s.dsp || s.all) engine.register_dsp_plugin();
+  if (!s.tail.empty()) engine.register_tail_plugin(s.tail);
   if (s.example || s.all) engine.register_example_plugin();
 }
 
