@@ -11,43 +11,27 @@
 namespace emberline {
 namespace {
 
-class FilePluginTest : public testing::Test {
- protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/emberline-files.XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir = pattern;
-  }
-  void TearDown() override { std::filesystem::remove_all(dir); }
-
-  std::string write(const std::string& name, const std::string& text) {
-    std::ofstream(dir + "/" + name, std::ios::trunc) << text;
-    return dir + "/" + name;
-  }
-
-  std::string dir;
-};
-
-TEST_F(FilePluginTest, InitAcceptsPathsInOrderAndStopsAtTheFirstItCannotOpen) {
-  const std::string a = write("a", "1"), b = dir + "/missing", c = write("c", "3");
-  FilePlugin plugin({a, b, c});
+TEST(FilePlugin, ShowsFilesWithoutTrailingWhiteSpaceAndKeepsTheLastContent) {
+  char dir[] = "/tmp/emberline-files.XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string a = std::string(dir) + "/a", b = std::string(dir) + "/b";
+  auto put = [](const std::string& path, const std::optional<std::string>& text) {
+    if (!text) std::filesystem::remove(path);  // unreadable from now on
+    if (text) std::ofstream(path, std::ios::trunc) << *text;
+  };
+  put(a, "");
+  put(b, "");
   testing::internal::CaptureStderr();
-  EXPECT_FALSE(plugin.init());
+  FilePlugin missing({a, std::string(dir) + "/none", b});
+  EXPECT_FALSE(missing.init());
+  FilePlugin plugin({a, b, a});  // the second a shows only once
+  EXPECT_TRUE(plugin.init());
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "Adding file: " + a + "\nERROR: Couldn't open file: " + b + "\n");
-  plugin.on_output();
-  EXPECT_EQ(plugin.to_str(), a + ": 1");
-}
-
-TEST_F(FilePluginTest, ShowsWholeContentWithoutTrailingWhiteSpaceAndKeepsItWhenUnreadable) {
-  const std::string a = write("a", ""), b = write("b", "");
-  FilePlugin plugin({a, b, a});
-  testing::internal::CaptureStderr();
-  ASSERT_TRUE(plugin.init());
-  testing::internal::GetCapturedStderr();
+            "Adding file: " + a + "\nERROR: Couldn't open file: " + dir +
+                "/none\nAdding file: " + a + "\nAdding file: " + b + "\nAdding file: " + a + "\n");
   EXPECT_EQ(plugin.to_str(), a + ": null | " + b + ": null");
   struct Step {
-    std::optional<std::string> a, b;  // nullopt: the file is gone
+    std::optional<std::string> a, b;
     std::string report;
   } steps[] = {
       {"42\n", " \t\r\n", a + ": 42 | " + b + ": "},
@@ -56,16 +40,12 @@ TEST_F(FilePluginTest, ShowsWholeContentWithoutTrailingWhiteSpaceAndKeepsItWhenU
       {"\tback", std::nullopt, a + ": \tback | " + b + ": x y"},
   };
   for (const auto& s : steps) {
-    for (const auto& [path, text] : {std::pair{a, s.a}, std::pair{b, s.b}}) {
-      if (text) {
-        std::ofstream(path, std::ios::trunc) << *text;
-      } else {
-        std::filesystem::remove(path);
-      }
-    }
+    put(a, s.a);
+    put(b, s.b);
     ASSERT_TRUE(plugin.on_output());
     EXPECT_EQ(plugin.to_str(), s.report);
   }
+  std::filesystem::remove_all(dir);
 }
 
 }  // namespace
