@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <fstream>
 
 namespace emberline::sim {
 namespace {
@@ -60,6 +61,21 @@ TEST(LogcatTest, ModelLogsAtItsRatesFollowingTheLoadInTheLayoutReadersRelyOn) {
     EXPECT_EQ(frames.substr(23, 26), " I/Ravelin ( 2304): FPS=" + std::to_string(log.fps));
     EXPECT_LT(frames.size(), 500u);
   }
+}
+
+TEST(LogcatTest, WriterKeepsTheBufferToARingOfWholeNewestEntries) {
+  TemporaryDir state;
+  lay_out_log(state.path());
+  LogActivity activity;
+  activity.ravelin_lines = 5000;  // some 800 KiB
+  LogWriter(state.path()).write(activity);
+  std::ifstream file(state.path() + "/log/main");
+  const std::string buffer(std::istreambuf_iterator<char>(file), {});
+  EXPECT_LE(buffer.size(), 256u * 1024);
+  EXPECT_GT(buffer.size(), 200u * 1024);
+  std::string error;
+  EXPECT_EQ(select_entries(*parse_logcat_args({"-v", "time,year"}, error), buffer),
+            "--------- beginning of main\n" + buffer);
 }
 
 TEST(LogcatTest, LiveHeadsetLogsAndItsLogcatPrintsIt) {
