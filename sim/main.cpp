@@ -3,6 +3,7 @@
 #include <iostream>
 #include <string_view>
 
+#include "device_log.h"
 #include "profile.h"
 #include "run.h"
 #include "sandbox.h"
@@ -11,6 +12,8 @@ namespace sim = emberline::sim;
 
 int main(int argc, char** argv) {
   if (argc > 1 && argv[1] == sim::kLaunchFlag) return sim::launch(argc, argv);
+  // Inside the sandbox /system/bin/logcat leads here.
+  if (std::string_view(argv[0]).ends_with("/logcat")) return sim::logcat_main(argc, argv);
 
   CLI::App app{"emberline-sim: a simulated headset to run emberline and its tests in."};
   app.require_subcommand(1);

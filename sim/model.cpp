@@ -46,6 +46,7 @@ void DeviceModel::step() {
   state_.soc = std::clamp(state_.soc, 0.0, 1.0);
   settle();
   step_stats(state_.stats, params_.stats, state_.load);
+  step_log(state_.log, state_.load);
   ++steps_;
 }
 

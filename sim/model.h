@@ -4,6 +4,7 @@
 #include <random>
 
 #include "stats_slice.h"
+#include "log_activity.h"
 
 namespace emberline::sim {
 
@@ -52,6 +53,7 @@ struct DeviceState {
   double soc = 0;
   bool charging = false;
   StatsState stats;
+  LogActivity log;
 };
 
 // Advances the headset in fixed steps. Deterministic for a seed, and independent of wall time, so

@@ -20,6 +20,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "device_log.h"
 #include "model.h"
 #include "profile.h"
 #include "sandbox.h"
@@ -181,8 +182,11 @@ int run(const RunOptions& options) {
 
   DeviceModel model(profile->model, options.seed);
   lay_out(*profile, state, model.state());
+  lay_out_log(state);
   std::optional<LiveNodes> live;
   if (!options.frozen) live.emplace(*profile, state);
+  std::optional<LogWriter> log;
+  if (!options.frozen) log.emplace(state);
   WriteRecorder recorder(*profile, state);
 
   int pair[2];
@@ -262,6 +266,7 @@ int run(const RunOptions& options) {
       if (::read(timer.get(), &expired, sizeof expired) == sizeof expired && expired > 0) {
         for (std::uint64_t i = 0; i < std::min(expired, kMaxCatchUpSteps); ++i) model.step();
         live->render(model.state());
+        log->write(model.state().log);
       }
     }
   }

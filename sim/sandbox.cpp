@@ -14,6 +14,7 @@
 #include <cstring>
 #include <set>
 
+#include "device_log.h"
 #include "state_dir.h"
 
 namespace emberline::sim {
@@ -121,6 +122,8 @@ std::vector<std::string> bwrap_options(const SandboxPlan& plan) {
     if (root.exposure == Exposure::read_write) a.insert(a.end(), {"--bind", from, to});
     if (root.exposure == Exposure::read_only) a.insert(a.end(), {"--ro-bind", from, to});
   }
+  a.insert(a.end(),
+           {"--bind", plan.state + "/" + std::string(kLogDir), std::string(kSandboxLogDir)});
   // Later mounts go over earlier ones: a state directory inside the build directory stays writable.
   for (const std::string& dir : plan.visible) a.insert(a.end(), {"--ro-bind", dir, dir});
   a.insert(a.end(), {"--bind", plan.state, plan.state});

@@ -12,6 +12,9 @@
 
 #include "crash_restore.h"
 #include "plugins/example_plugin.h"
+#include "plugins/file_plugin.h"
+#include "plugins/logcat_dsp_plugin.h"
+#include "plugins/logcat_ravelin_plugin.h"
 #include "plugins/power_plugin.h"
 #include "plugins/stats_plugin.h"
 
@@ -201,6 +204,24 @@ void Emberline::register_stats_plugin(bool cycle) {
       "stats", std::make_shared<StatsPlugin>(cycle),
       PluginManager::PluginFieldOptions("Stats about CPU, GPU and other device properties", "Stats",
                                         false));
+}
+
+void Emberline::register_ravelin_plugin() {
+  plugin_manager.add_plugin("ravelin", std::make_shared<LogcatRavelinPlugin>(),
+                            PluginManager::PluginFieldOptions(
+                                "Values read from Ravelin logcat entries", "Ravelin", false));
+}
+
+void Emberline::register_dsp_plugin() {
+  plugin_manager.add_plugin("dsp", std::make_shared<LogcatDspPlugin>(),
+                            PluginManager::PluginFieldOptions(
+                                "DSP utilization percentage, average and max", "DSP", false));
+}
+
+void Emberline::register_tail_plugin(std::vector<std::string> files) {
+  plugin_manager.add_plugin(
+      "files", std::make_shared<FilePlugin>(std::move(files)),
+      PluginManager::PluginFieldOptions("Additional Files to log", "Files", false));
 }
 
 void Emberline::register_example_plugin() {

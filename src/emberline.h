@@ -104,6 +104,9 @@ class Emberline {
                              float alpha);
   void register_stats_plugin(bool cycle);
   void register_example_plugin();
+  void register_ravelin_plugin();
+  void register_dsp_plugin();
+  void register_tail_plugin(std::vector<std::string> files);
 
   // For tests: the root of the output tree.
   PluginManager& manager() { return plugin_manager; }

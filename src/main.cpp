@@ -27,6 +27,9 @@ void register_plugins(emberline::Emberline& engine, const emberline::Settings& s
     engine.register_power_plugin(PowerPath::BATTERY, s.use_window, s.window_size, s.exp_smooth);
   }
   if (s.stats || s.all) engine.register_stats_plugin(s.cycle);
+  if (s.ravelin || s.all) engine.register_ravelin_plugin();
+  if (s.dsp || s.all) engine.register_dsp_plugin();
+  if (!s.tail.empty()) engine.register_tail_plugin(s.tail);
   if (s.example || s.all) engine.register_example_plugin();
 }
 
