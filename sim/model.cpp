@@ -44,6 +44,7 @@ void DeviceModel::step() {
   state_.soc -= state_.battery_a * kStepSeconds / kSecondsPerHour / p.capacity_ah;
   state_.soc = std::clamp(state_.soc, 0.0, 1.0);
   settle();
+  step_thermal(state_, kStepSeconds);
   ++steps_;
 }
 

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <random>
 
+#include "thermal.h"
+
 namespace emberline::sim {
 
 // What the headset is asked to do: alternating idle and load phases of random length.
@@ -48,6 +50,7 @@ struct DeviceState {
   double usb_v = 0;
   double soc = 0;
   bool charging = false;
+  ThermalState thermal;
 };
 
 // Advances the headset in fixed steps. Deterministic for a seed, and independent of wall time, so

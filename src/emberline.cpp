@@ -12,6 +12,7 @@
 
 #include "plugins/example_plugin.h"
 #include "plugins/power_plugin.h"
+#include "plugins/thermals_plugin.h"
 
 namespace emberline {
 
@@ -172,6 +173,13 @@ void Emberline::register_power_plugin(PowerPath path, bool use_window, unsigned 
   plugin_manager.add_plugin(key, plugin,
                             PluginManager::PluginFieldOptions("Device " + name + " power data",
                                                               "Power (" + name + ")", false));
+}
+
+void Emberline::register_thermals_plugin() {
+  plugin_manager.add_plugin(
+      "thermals", std::make_shared<ThermalsPlugin>(),
+      PluginManager::PluginFieldOptions("Thermal info. Temperatures are measured in Celsius",
+                                        "Thermals", false));
 }
 
 void Emberline::register_example_plugin() {

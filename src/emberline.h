@@ -98,6 +98,7 @@ class Emberline {
 
   void register_power_plugin(PowerPath path, bool use_window, unsigned int window_size,
                              float alpha);
+  void register_thermals_plugin();
   void register_example_plugin();
 
   // For tests: the root of the output tree.
