@@ -129,14 +129,19 @@ class Registry {
     install(name, std::move(service));
   }
 
-  void kill(const std::string& name) {
+  // Kills the running instance `name`, if any, and starts `successor` in its place if given.
+  void kill(const std::string& name, sp<IThermal> successor) {
     sp<IThermal> dying;  // released last, outside every lock: its destructor may join a thread
     std::lock_guard lock(mutex_);
     managed_ = true;
     auto found = nodes_.find(name);
-    if (found == nodes_.end()) return;
-    std::shared_ptr<Node> node = std::move(found->second);
-    nodes_.erase(found);
+    std::shared_ptr<Node> node;
+    if (found != nodes_.end()) {
+      node = std::move(found->second);
+      nodes_.erase(found);
+    }
+    if (successor) install(name, std::move(successor));
+    if (!node) return;
     std::vector<std::pair<wp<hidl_death_recipient>, std::uint64_t>> links;
     {
       std::lock_guard node_lock(node->mutex);
@@ -209,7 +214,11 @@ void register_service(sp<IThermal> service, const std::string& name) {
 }
 
 void kill_service(const std::string& name) {
-  Registry::instance().kill(name);
+  Registry::instance().kill(name, nullptr);
+}
+
+void replace_service(sp<IThermal> service, const std::string& name) {
+  Registry::instance().kill(name, std::move(service));
 }
 
 void await_notifications() {

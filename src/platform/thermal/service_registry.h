@@ -23,6 +23,10 @@ void register_service(sp<IThermal> service, const std::string& name = "default")
 // start of the default service.
 void kill_service(const std::string& name = "default");
 
+// The instance's process restarts: as kill_service, but `service` takes its place at once, so
+// that recipients reconnecting from serviceDied find it.
+void replace_service(sp<IThermal> service, const std::string& name = "default");
+
 // Blocks until every death notification issued so far has returned.
 void await_notifications();
 
