@@ -1,9 +1,8 @@
 #pragma once
 
-// A thermal service the test drives: it answers with the sensors it is given, fails on request,
-// and notifies its registered callbacks when told to.
+// A thermal service the test drives: it answers with the sensors it is given, refuses what it is
+// told to, and notifies its registered callbacks on request.
 
-#include <algorithm>
 #include <mutex>
 #include <vector>
 
@@ -21,69 +20,48 @@ inline Temperature sensor(const char* name, TemperatureType type, float value,
 }
 
 class FakeThermal : public IThermal {
+  template <typename F>
+  auto locked(F f) {
+    std::lock_guard lock(mutex_);
+    return f();
+  }
+
  public:
   explicit FakeThermal(std::vector<Temperature> sensors = {}) : sensors_(std::move(sensors)) {}
 
-  // What the next calls answer.
-  ThermalStatusCode read_code = ThermalStatusCode::SUCCESS;
-  ThermalStatusCode register_code = ThermalStatusCode::SUCCESS;
-  ThermalStatusCode unregister_code = ThermalStatusCode::SUCCESS;
-  bool transport_fails = false;
+  ThermalStatus read_status, register_status, unregister_status;  // what the calls answer
 
   void set_sensors(std::vector<Temperature> sensors) {
-    std::lock_guard lock(mutex_);
-    sensors_ = std::move(sensors);
+    locked([&] { sensors_ = sensors; });
   }
-
   std::size_t callbacks() {
-    std::lock_guard lock(mutex_);
-    return callbacks_.size();
+    return locked([&] { return callbacks_.size(); });
   }
-
-  // Calls every registered callback, as the service's own thread would.
   void notify(const Temperature& t) {
-    std::vector<sp<IThermalChangedCallback>> told;
-    {
-      std::lock_guard lock(mutex_);
-      told = callbacks_;
-    }
-    for (auto& c : told) c->notifyThrottling(t);
+    for (auto& c : locked([&] { return callbacks_; })) c->notifyThrottling(t);
   }
 
   Return<void> getCurrentTemperatures(bool, TemperatureType,
                                       getCurrentTemperatures_cb cb) override {
-    if (transport_fails) return broken();
-    std::lock_guard lock(mutex_);
-    cb({read_code, "read"}, sensors_);
+    locked([&] { cb(read_status, sensors_); });
     return Void();
   }
   Return<void> registerThermalChangedCallback(const sp<IThermalChangedCallback>& c, bool,
                                               TemperatureType,
                                               registerThermalChangedCallback_cb cb) override {
-    if (transport_fails) return broken();
-    if (register_code == ThermalStatusCode::SUCCESS) {
-      std::lock_guard lock(mutex_);
-      callbacks_.push_back(c);
-    }
-    cb({register_code, "register"});
+    if (register_status.code == ThermalStatusCode::SUCCESS)
+      locked([&] { callbacks_.push_back(c); });
+    cb(register_status);
     return Void();
   }
   Return<void> unregisterThermalChangedCallback(const sp<IThermalChangedCallback>& c,
                                                 unregisterThermalChangedCallback_cb cb) override {
-    if (transport_fails) return broken();
-    {
-      std::lock_guard lock(mutex_);
-      std::erase(callbacks_, c);
-    }
-    cb({unregister_code, "unregister"});
+    locked([&] { std::erase(callbacks_, c); });
+    cb(unregister_status);
     return Void();
   }
 
  private:
-  static Status broken() {
-    return Status::fromExceptionCode(Status::EX_TRANSACTION_FAILED, "BROKEN");
-  }
-
   std::mutex mutex_;
   std::vector<Temperature> sensors_;
   std::vector<sp<IThermalChangedCallback>> callbacks_;
