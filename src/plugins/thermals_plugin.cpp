@@ -136,6 +136,10 @@ void ThermalsPlugin::update_thermal_temp(Temperature temperature) {
 
 void ThermalsPlugin::update_thermal_status(Temperature temperature) {
   std::lock_guard lock(status_mutex);
+  record_status(temperature);
+}
+
+void ThermalsPlugin::record_status(const Temperature& temperature) {
   auto slot = status_index.find(temperature.name);
   if (slot == status_index.end()) return;
   const char* type = type_name(temperature.type);
@@ -187,11 +191,8 @@ bool ThermalsPlugin::init() {
       std::vector<int>& severities = status_by_type[type];
       status_index.emplace(t.name, severities.size());
       severities.push_back(INT_MIN);
+      record_status(t);
     }
-  }
-  // Outside the loop's lock: update_thermal_status takes it itself.
-  for (const Temperature& t : current) {
-    if (is_target_tz(t.name)) update_thermal_status(t);
   }
   publish_status();
 

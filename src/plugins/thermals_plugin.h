@@ -63,6 +63,8 @@ class ThermalsPlugin : public Plugin {
 
  private:
   void reconnect_after_death();
+  // update_thermal_status with status_mutex already held.
+  void record_status(const Temperature& temperature);
   // Shows the severities the service's thread recorded; the tree is the measurement thread's.
   void publish_status();
 
