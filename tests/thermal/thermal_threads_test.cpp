@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <thread>
 
 #include "fake_thermal.h"
@@ -22,25 +21,15 @@ std::vector<Temperature> headset() {
 }
 
 // Notifies through every given service until stopped, cycling the severities.
-class Notifier {
- public:
-  explicit Notifier(std::vector<std::shared_ptr<FakeThermal>> services)
-      : thread_([this, services] {
-          for (int i = 0; !stop_; ++i) {
-            const char* name = i % 3 == 0 ? "battery" : i % 3 == 1 ? "cpuss-0" : "cpuss-1";
-            TT type = i % 3 == 0 ? TT::BATTERY : TT::CPU;
-            for (auto& s : services) s->notify(sensor(name, type, 0, static_cast<TS>(i % 7)));
-          }
-        }) {}
-  ~Notifier() {
-    stop_ = true;
-    thread_.join();
-  }
-
- private:
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
-};
+std::jthread notifier(std::vector<std::shared_ptr<FakeThermal>> services) {
+  return std::jthread([services](std::stop_token stop) {
+    for (int i = 0; !stop.stop_requested(); ++i) {
+      auto t = headset()[i % 3];
+      t.throttlingStatus = static_cast<TS>(i % 7);
+      for (auto& s : services) s->notify(t);
+    }
+  });
+}
 
 std::string status_line(ThermalsPlugin& plugin) {
   plugin.update_tree_metadata(1, "thermals.");
@@ -58,7 +47,7 @@ TEST(ThermalsThreads, NotificationsAndRestartsRaceTheMeasurementThread) {
   // temperatures and the statuses are all in place before that.
   plugin->init();
   {
-    Notifier notifier({first, second, third});
+    auto notifying = notifier({first, second, third});
     for (int i = 0; i < 300; ++i) {
       plugin->on_output();
       status_line(*plugin);
@@ -75,7 +64,7 @@ TEST(ThermalsThreads, NotificationsAndRestartsRaceTheMeasurementThread) {
   EXPECT_EQ(status_line(*plugin), "[CPU] status: SEVERE | cpuss-0: 40.00C | cpuss-1: 41.00C");
 
   // The plugin ends while its service dies and the dead one still calls it.
-  Notifier notifier({first, second, third});
+  auto notifying = notifier({first, second, third});
   std::thread killer([] { registry::kill_service(); });
   plugin.reset();
   killer.join();
