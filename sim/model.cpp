@@ -47,6 +47,7 @@ void DeviceModel::step() {
   settle();
   step_stats(state_.stats, params_.stats, state_.load);
   step_log(state_.log, state_.load);
+  step_thermal(state_, kStepSeconds);
   ++steps_;
 }
 

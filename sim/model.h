@@ -5,6 +5,7 @@
 
 #include "stats_slice.h"
 #include "log_activity.h"
+#include "thermal.h"
 
 namespace emberline::sim {
 
@@ -54,6 +55,7 @@ struct DeviceState {
   bool charging = false;
   StatsState stats;
   LogActivity log;
+  ThermalState thermal;
 };
 
 // Advances the headset in fixed steps. Deterministic for a seed, and independent of wall time, so

@@ -3,6 +3,8 @@
 #include <array>
 #include <cmath>
 
+#include "thermal.h"
+
 namespace emberline::sim {
 
 std::string micro_units(double value) {
@@ -65,6 +67,7 @@ Profile make(std::string name, std::string device, PowerParams power) {
   add_base(p);
   add_power_supply(p);
   add_stats_slice(p);
+  add_thermal(p);
   return p;
 }
 

@@ -17,6 +17,7 @@
 #include "plugins/logcat_ravelin_plugin.h"
 #include "plugins/power_plugin.h"
 #include "plugins/stats_plugin.h"
+#include "plugins/thermals_plugin.h"
 
 namespace emberline {
 
@@ -222,6 +223,13 @@ void Emberline::register_tail_plugin(std::vector<std::string> files) {
   plugin_manager.add_plugin(
       "files", std::make_shared<FilePlugin>(std::move(files)),
       PluginManager::PluginFieldOptions("Additional Files to log", "Files", false));
+}
+
+void Emberline::register_thermals_plugin() {
+  plugin_manager.add_plugin(
+      "thermals", std::make_shared<ThermalsPlugin>(),
+      PluginManager::PluginFieldOptions("Thermal info. Temperatures are measured in Celsius",
+                                        "Thermals", false));
 }
 
 void Emberline::register_example_plugin() {

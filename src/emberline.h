@@ -103,6 +103,7 @@ class Emberline {
   void register_power_plugin(PowerPath path, bool use_window, unsigned int window_size,
                              float alpha);
   void register_stats_plugin(bool cycle);
+  void register_thermals_plugin();
   void register_example_plugin();
   void register_ravelin_plugin();
   void register_dsp_plugin();

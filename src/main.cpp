@@ -30,6 +30,7 @@ void register_plugins(emberline::Emberline& engine, const emberline::Settings& s
   if (s.ravelin || s.all) engine.register_ravelin_plugin();
   if (s.dsp || s.all) engine.register_dsp_plugin();
   if (!s.tail.empty()) engine.register_tail_plugin(s.tail);
+  if (s.thermals || s.all) engine.register_thermals_plugin();
   if (s.example || s.all) engine.register_example_plugin();
 }
 
