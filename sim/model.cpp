@@ -44,11 +44,16 @@ void DeviceModel::step() {
   state_.soc -= state_.battery_a * kStepSeconds / kSecondsPerHour / p.capacity_ah;
   state_.soc = std::clamp(state_.soc, 0.0, 1.0);
   settle();
+  step_hardware(state_.hardware, state_, kStepSeconds);
   ++steps_;
 }
 
 void DeviceModel::set_charging_suspended(bool suspended) {
   suspended_ = suspended;
+}
+
+void DeviceModel::node_written(std::string_view path, std::string_view bytes) {
+  hardware_node_written(state_.hardware, path, bytes);
 }
 
 void DeviceModel::settle() {

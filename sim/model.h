@@ -2,6 +2,9 @@
 
 #include <cstdint>
 #include <random>
+#include <string_view>
+
+#include "hardware_state.h"
 
 namespace emberline::sim {
 
@@ -48,6 +51,7 @@ struct DeviceState {
   double usb_v = 0;
   double soc = 0;
   bool charging = false;
+  HardwareState hardware;
 };
 
 // Advances the headset in fixed steps. Deterministic for a seed, and independent of wall time, so
@@ -60,6 +64,8 @@ class DeviceModel {
 
   void step();
   void set_charging_suspended(bool suspended);
+  // The tool wrote `bytes` into the node at `path`; a driver behind it may act on them.
+  void node_written(std::string_view path, std::string_view bytes);
 
   const DeviceState& state() const { return state_; }
   std::uint64_t steps() const { return steps_; }

@@ -3,6 +3,8 @@
 #include <array>
 #include <cmath>
 
+#include "hardware_nodes.h"
+
 namespace emberline::sim {
 
 std::string micro_units(double value) {
@@ -105,6 +107,7 @@ Profile make(std::string name, std::string device, PowerParams power) {
   p.model = {power, kWorkload};
   add_base(p);
   add_power_supply(p);
+  add_hardware(p);
   return p;
 }
 

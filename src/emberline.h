@@ -99,6 +99,10 @@ class Emberline {
   void register_power_plugin(PowerPath path, bool use_window, unsigned int window_size,
                              float alpha);
   void register_example_plugin();
+  void register_charge_plugin();
+  void register_brantley_rails_plugin();
+  void register_quillon_rails_plugin();
+  void register_quillon_dram_bw_plugin(unsigned int ms);
 
   // For tests: the root of the output tree.
   PluginManager& manager() { return plugin_manager; }

@@ -23,6 +23,16 @@ void register_plugins(emberline::Emberline& engine, const emberline::Settings& s
   if (!s.no_power) {
     engine.register_power_plugin(PowerPath::BATTERY, s.use_window, s.window, s.exp_smooth);
   }
+  if (emberline::is_chipset2_device && (s.charge_data || s.all)) engine.register_charge_plugin();
+  if (emberline::is_brantley && (s.brantley_rails || s.all)) {
+    engine.register_brantley_rails_plugin();
+  }
+  if (emberline::is_chipset2_device && (s.quillon_rails || s.all)) {
+    engine.register_quillon_rails_plugin();
+  }
+  if (emberline::is_chipset2_device && (s.quillon_dram || s.all)) {
+    engine.register_quillon_dram_bw_plugin(s.quillon_dram_ms);
+  }
   if (s.example || s.all) engine.register_example_plugin();
 }
 
