@@ -199,7 +199,9 @@ TEST(DramBandwidth, ASampleTickNeitherAllocatesNorOpens) {
   const long news = allocations.load();
   for (int tick = 0; tick < 2000; ++tick) ASSERT_TRUE(plugin.on_sample());
   EXPECT_EQ(open_descriptors(), descriptors);
-  if (kHeapCountsReliable) EXPECT_EQ(allocations.load(), news);
+  if (kHeapCountsReliable) {
+    EXPECT_EQ(allocations.load(), news);
+  }
 }
 
 }  // namespace

@@ -114,8 +114,8 @@ TEST(Quillon, AllCoversTheInstrumentedHardwareInEveryFormat) {
     const char* format;
     std::vector<std::string> expected;
   } cases[] = {
-      {"--inline", {"charge: ", "quillon_rails: ", "total_bw_mbps: 1024"}},
-      {"--json", {"\"charge\": {", "\"quillon_rails\": {", "\"total_bw_mbps\": 1024"}},
+      {"--inline", {"Charge=(", "Quillon Rails=(", "Quillon DRAM=(", "total_bw_mbps=1024"}},
+      {"--json", {"\"charge\":{", "\"quillon_rails\":{", "\"total_bw_mbps\":1024"}},
       {"--csv", {"charge.Bat Capacity", "quillon_rails.", "quillon_dram.total_bw_mbps"}},
       {"-q", {}},
   };

@@ -70,7 +70,9 @@ TEST(RailReadings, FactorsAndMicrowattsBecomeWatts) {
   for (const auto& c : cases) {
     auto watts = microwatts_to_watts(c.line);
     ASSERT_EQ(watts.has_value(), c.watts.has_value()) << c.line;
-    if (watts) EXPECT_FLOAT_EQ(*watts, *c.watts) << c.line;
+    if (watts) {
+      EXPECT_FLOAT_EQ(*watts, *c.watts) << c.line;
+    }
   }
 }
 
