@@ -11,12 +11,15 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
+#include <map>
 #include <new>
 #include <thread>
 
 #include "harness.h"
 #include "plugins/node_restore.h"
 #include "plugins/quillon_dram_bandwidth_plugin.h"
+#include "unit/trace_fixture.h"
 
 namespace {
 std::atomic<long> allocations{0};
@@ -202,6 +205,44 @@ TEST(DramBandwidth, ASampleTickNeitherAllocatesNorOpens) {
   if (kHeapCountsReliable) {
     EXPECT_EQ(allocations.load(), news);
   }
+}
+
+TEST(DramBandwidth, ElevenCountersFollowEachSample) {
+  lay_out_monitors();
+  auto result = e2e::run({"-p", "--no-power", "--quillon-dram", "-t", "1", "-s", "250"});
+  ASSERT_EQ(result.exit_code, 0) << result.err;
+  std::string path;
+  for (const auto& entry : std::filesystem::directory_iterator("/data/local/tmp")) {
+    if (entry.path().extension() == ".perfetto-trace") path = entry.path();
+  }
+  using namespace trace_test;
+  auto packets = read_trace(path);
+  std::map<std::uint64_t, std::string> names;
+  for (const Message& track : check_trace(packets)) {
+    names[track.varint(kUuid).value_or(0)] = track.text(kName).value_or("");
+  }
+  // Counts and bandwidths are integers on their tracks; shares are fractions.
+  std::vector<std::string> events;
+  for (const Message& packet : packets) {
+    auto event = packet.message(kTrackEvent);
+    if (!event) continue;
+    std::string value = event->int64(kIntValue)
+                            ? std::to_string(*event->int64(kIntValue))
+                            : std::to_string(*event->fixed_double(kDoubleValue));
+    events.push_back(names[event->varint(kTrackUuid).value_or(0)] + " " + value);
+  }
+  const std::vector<std::string> sample = {
+      "CPU BW utilized MB/s 80",      "CPU BW utilized percentage 0.312500",
+      "GPU BW utilized MB/s 256",     "GPU BW utilized percentage 0.250000",
+      "Total BW utilized MB/s 1024",  "Total BW utilized percentage 0.500000",
+      "Total BW available MB/s 2048", "DDR frequency 2735",
+      "CPU BW sample count 2",        "GPU BW sample count 1",
+      "Total BW sample count 2"};
+  // Samples at 0, 250, ... 1250 ms; a loaded machine may end the run a cycle early.
+  ASSERT_EQ(events.size() % sample.size(), 0u);
+  EXPECT_TRUE(events.size() / sample.size() == 6 || events.size() / sample.size() == 5)
+      << events.size();
+  for (std::size_t i = 0; i < events.size(); ++i) EXPECT_EQ(events[i], sample[i % sample.size()]);
 }
 
 }  // namespace
