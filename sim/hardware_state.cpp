@@ -58,13 +58,12 @@ void step_bwmon(BwMonState& b, const DeviceState& s, double dt) {
   bool any = std::any_of(b.monitors.begin(), b.monitors.end(),
                          [](const BwMonState::Monitor& m) { return m.enabled; });
   if (!any) {
-    b.since_sample_s = 0;
+    b.since_sample_us = 0;
     return;
   }
-  double period_s = b.period_ms / 1000.0;
-  for (b.since_sample_s += dt; b.since_sample_s >= period_s; b.since_sample_s -= period_s) {
-    take_sample(b, s);
-  }
+  const std::uint64_t period_us = std::uint64_t{b.period_ms} * 1000;
+  b.since_sample_us += static_cast<std::uint64_t>(std::llround(dt * 1e6));
+  for (; b.since_sample_us >= period_us; b.since_sample_us -= period_us) take_sample(b, s);
 }
 
 void step_charge(ChargeState& c, const DeviceState& s, double dt) {

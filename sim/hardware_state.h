@@ -27,7 +27,7 @@ struct BwMonState {
   };
 
   unsigned int period_ms = kDefaultPeriodMs;
-  double since_sample_s = 0;
+  std::uint64_t since_sample_us = 0;  // whole microseconds, so periods add up exactly
   std::uint32_t sequence = 0;
   std::uint64_t noise = 0x9e3779b97f4a7c15ULL;
   std::array<Monitor, kMonitors> monitors{};

@@ -108,6 +108,23 @@ TEST(QuillonRails, OneFieldPerHexadecimalRailDirectory) {
   EXPECT_EQ(section(result.out, "[Quillon Rails]"), "");
 }
 
+TEST(QuillonRails, RailsBeyondTheFileTableAreLeftOut) {
+  namespace fs = std::filesystem;
+  const std::string powercap = "/sys/class/powercap/";
+  for (const auto& entry : fs::directory_iterator(powercap)) fs::remove_all(entry.path());
+  for (int i = 0; i < 50; ++i) {
+    std::string dir = powercap + "epm:" + std::to_string(100 + i) + "/";
+    fs::create_directories(dir);
+    e2e::write_file(dir + "name", "r\n");
+    e2e::write_file(dir + "power_uw", "1000\n");
+  }
+  auto result = e2e::run({"--no-power", "--quillon-rails", "-t", "1"});
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  std::string line = section(result.out, "[Quillon Rails] ");
+  EXPECT_NE(line.find("r_rail_47: 0.001W"), std::string::npos);
+  EXPECT_EQ(line.find("r_rail_48"), std::string::npos);
+}
+
 TEST(Quillon, AllCoversTheInstrumentedHardwareInEveryFormat) {
   e2e::write_file("/sys/devices/system/cpu/bw_prof/bwmon2/last_sample", "1\t400\t800\t547\n");
   struct Case {
