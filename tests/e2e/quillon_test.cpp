@@ -134,7 +134,6 @@ TEST(Quillon, AllCoversTheInstrumentedHardwareInEveryFormat) {
       {"--inline", {"Charge=(", "Quillon Rails=(", "Quillon DRAM=(", "total_bw_mbps=1024"}},
       {"--json", {"\"charge\":{", "\"quillon_rails\":{", "\"total_bw_mbps\":1024"}},
       {"--csv", {"charge.Bat Capacity", "quillon_rails.", "quillon_dram.total_bw_mbps"}},
-      {"-q", {}},
   };
   for (const auto& c : cases) {
     auto result = e2e::run({"--no-power", "--all", "-t", "1", c.format});

@@ -62,28 +62,5 @@ TEST(BandwidthMonitor, SamplesAtItsPeriodOnlyWhileEnabled) {
   EXPECT_EQ(list(2), "");
 }
 
-TEST(BandwidthMonitor, SettingsKeepWhatWasWrittenAndEachChangeIsLogged) {
-  const Profile& profile = *find_profile("fennick");
-  TemporaryDir dir;
-  lay_out(profile, dir.path(), DeviceState{});
-  WriteRecorder recorder(profile, dir.path());
-  auto write = [&](const std::string& node, const std::string& text) {
-    std::ofstream(dir.path() + kBwProf + node) << text;
-    return recorder.collect(1);
-  };
-  auto read = [&](const std::string& node) {
-    std::ostringstream text;
-    text << std::ifstream(dir.path() + kBwProf + node).rdbuf();
-    return text.str();
-  };
-  EXPECT_EQ(read("sample_ms"), "100\n");
-  EXPECT_EQ(write("sample_ms", "20"), (std::vector<Write>{{1, kBwProf + "sample_ms", 0, "20"}}));
-  EXPECT_EQ(read("sample_ms"), "20");
-  EXPECT_TRUE(recorder.collect(2).empty());
-  EXPECT_EQ(write("bwmon1/mon_enabled", "1").size(), 1u);
-  EXPECT_EQ(write("sample_ms", "100\n").size(), 1u);
-  EXPECT_EQ(read("bwmon1/mon_enabled"), "1");
-}
-
 }  // namespace
 }  // namespace emberline::sim

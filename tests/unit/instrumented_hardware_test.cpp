@@ -37,24 +37,6 @@ TEST(ChargeReadings, EachTypeScalesByItsOwnDivisor) {
   }
 }
 
-TEST(ChargeReadings, LineEndsAreCutAtTheFirstCarriageReturnOrLineFeed) {
-  struct Case {
-    std::string line, expected;
-  } cases[] = {
-      {"Charging\n", "Charging"},
-      {"Good\r\n", "Good"},
-      {"a\rb\n", "a"},
-      {"Unknown [SDP] CDP", "Unknown [SDP] CDP"},
-      {"\n", ""},
-  };
-  for (auto& c : cases) {
-    std::vector<char> buffer(c.line.begin(), c.line.end());
-    buffer.push_back('\0');
-    cut_line_end(buffer.data());
-    EXPECT_EQ(std::string(buffer.data()), c.expected) << c.line;
-  }
-}
-
 TEST(RailReadings, FactorsAndMicrowattsBecomeWatts) {
   EXPECT_FLOAT_EQ(rail_watts(3800000, 500000), 1.9f);
   EXPECT_FLOAT_EQ(rail_watts(1000000, 2000000), 2.0f);
@@ -210,17 +192,6 @@ TEST(NodeRestore, ArmedEntriesAreRewrittenFromAFatalSignalHandler) {
   close(b);
   unlink(a_path);
   unlink(b_path);
-}
-
-TEST(NodeRestore, TheTableIsFixedAndSlotsComeBack) {
-  std::vector<int> slots;
-  for (std::size_t i = 0; i < node_restore::kSlots; ++i) slots.push_back(node_restore::arm(0, "0"));
-  for (int slot : slots) EXPECT_GE(slot, 0);
-  EXPECT_EQ(node_restore::arm(0, "0"), -1);
-  EXPECT_EQ(node_restore::arm(-1, "0"), -1);
-  node_restore::disarm(slots[3]);
-  EXPECT_EQ(node_restore::arm(0, "0"), slots[3]);
-  for (std::size_t i = 0; i < node_restore::kSlots; ++i) node_restore::disarm(static_cast<int>(i));
 }
 
 }  // namespace
