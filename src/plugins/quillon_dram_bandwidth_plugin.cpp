@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -325,11 +326,9 @@ bool QuillonDRAMBandwidthPlugin::readSampleNode(int monitor) {
   int fd = sample_fds[monitor];
   std::size_t size = 0;
   if (fd >= 0) {
-    for (;;) {
-      if (size == read_buffer.size()) {
-        if (size > kReadLimit) break;
-        read_buffer.resize(size * 2);
-      }
+    // Past the limit the node counts as unreadable, as a whole-file read would have it.
+    while (size <= kReadLimit) {
+      if (size == read_buffer.size()) read_buffer.resize(std::max(size * 2, kInitialReadBuffer));
       ssize_t got = ::pread(fd, read_buffer.data() + size, read_buffer.size() - size,
                             static_cast<off_t>(size));
       if (got < 0 && errno == EINTR) continue;

@@ -90,6 +90,7 @@ TEST(DramBandwidth, SetsTheDriverForTheRunAndPutsItBack) {
     QuillonDRAMBandwidthPlugin plugin(7);
     ASSERT_TRUE(plugin.init());
     EXPECT_EQ(e2e::read_file(kRoot + "sample_ms"), "7");
+    driver_writes(4);
     for (int m = 0; m < 3; ++m) EXPECT_EQ(e2e::read_file(monitor(m, "mon_enabled")), "1");
     ASSERT_TRUE(plugin.on_sample());
     EXPECT_EQ(
@@ -130,6 +131,8 @@ TEST(DramBandwidth, AMonitorThatRefusesItsSwitchFailsInitAndTheOthersAreSwitched
     QuillonDRAMBandwidthPlugin plugin(50);
     EXPECT_FALSE(plugin.init());
     EXPECT_EQ(e2e::read_file(monitor(0, "mon_enabled")), "1");
+    // The sim logs a write a moment after it; a rewrite before that would hide the first.
+    driver_writes(2);
   }
   std::string err = testing::internal::GetCapturedStderr();
   std::string refused = "Failed to write value 1 to '" + monitor(1, "mon_enabled") + "'\n";
