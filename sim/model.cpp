@@ -48,11 +48,16 @@ void DeviceModel::step() {
   step_stats(state_.stats, params_.stats, state_.load);
   step_log(state_.log, state_.load);
   step_thermal(state_, kStepSeconds);
+  step_hardware(state_.hardware, state_, kStepSeconds);
   ++steps_;
 }
 
 void DeviceModel::set_charging_suspended(bool suspended) {
   suspended_ = suspended;
+}
+
+void DeviceModel::node_written(std::string_view path, std::string_view bytes) {
+  hardware_node_written(state_.hardware, path, bytes);
 }
 
 void DeviceModel::settle() {

@@ -2,6 +2,9 @@
 
 #include <cstdint>
 #include <random>
+#include <string_view>
+
+#include "hardware_state.h"
 
 #include "stats_slice.h"
 #include "log_activity.h"
@@ -56,6 +59,7 @@ struct DeviceState {
   StatsState stats;
   LogActivity log;
   ThermalState thermal;
+  HardwareState hardware;
 };
 
 // Advances the headset in fixed steps. Deterministic for a seed, and independent of wall time, so
@@ -68,6 +72,8 @@ class DeviceModel {
 
   void step();
   void set_charging_suspended(bool suspended);
+  // The tool wrote `bytes` into the node at `path`; a driver behind it may act on them.
+  void node_written(std::string_view path, std::string_view bytes);
 
   const DeviceState& state() const { return state_; }
   std::uint64_t steps() const { return steps_; }

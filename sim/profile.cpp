@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "thermal.h"
+#include "hardware_nodes.h"
 
 namespace emberline::sim {
 
@@ -68,6 +69,7 @@ Profile make(std::string name, std::string device, PowerParams power) {
   add_power_supply(p);
   add_stats_slice(p);
   add_thermal(p);
+  add_hardware(p);
   return p;
 }
 

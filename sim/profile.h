@@ -14,6 +14,7 @@ enum class Recording {
   none,
   log,             // logged to writes.log
   charge_suspend,  // logged, and a non-zero number suspends the charger's input
+  latch,           // logged, and the node keeps showing it, as a driver's setting does
 };
 
 // Gives a node's content for a device state; a node without one keeps its initial content.

@@ -258,7 +258,7 @@ int run(const RunOptions& options) {
       }
     }
     if (fds[2].revents != 0) {
-      recorder.collect(clock.now());
+      for (const Write& w : recorder.collect(clock.now())) model.node_written(w.path, w.bytes);
       model.set_charging_suspended(recorder.charging_suspended());
     }
     if (fds[3].revents != 0) {

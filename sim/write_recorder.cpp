@@ -83,6 +83,7 @@ WriteRecorder::WriteRecorder(const Profile& profile, const std::string& state)
     if (node.recording == Recording::none) continue;
     std::string path = host_path(state, node.path);
     Target t{&node, UniqueFd(::open(path.c_str(), O_RDWR | O_CLOEXEC))};
+    t.shown = node.content;
     if (!t.fd) fail("cannot open " + path);
     t.watch = ::inotify_add_watch(inotify_.get(), path.c_str(), IN_MODIFY);
     if (t.watch < 0) fail("cannot watch " + path);
@@ -96,6 +97,15 @@ std::optional<Write> WriteRecorder::take(Target& t, double now_s) {
   for (ssize_t n;
        (n = ::pread(t.fd.get(), buf, sizeof buf, static_cast<off_t>(data.size()))) > 0;) {
     data.append(buf, static_cast<size_t>(n));
+  }
+  if (t.node->recording == Recording::latch) {
+    // A latched node is never emptied, so a write shows as a change of content. The tool's own
+    // truncation before a write is an event of its own and finds the node empty; forgetting the
+    // content then lets a rewrite of the same value count.
+    if (data.empty()) t.shown.clear();
+    if (data.empty() || data == t.shown) return std::nullopt;
+    t.shown = data;
+    return Write{now_s, t.node->path, 0, data};
   }
   // Our own truncation is an event too, and finds the node empty.
   if (data.empty()) return std::nullopt;

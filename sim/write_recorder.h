@@ -62,6 +62,7 @@ class WriteRecorder {
     UniqueFd fd;
     int watch = -1;
     bool suspends = false;
+    std::string shown = {};  // a latched node's content as last seen
   };
   std::optional<Write> take(Target& t, double now_s);
   void log(const std::vector<Write>& writes);

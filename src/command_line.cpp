@@ -144,6 +144,9 @@ std::optional<int> parse_command_line(int argc, const char* const* argv, Setting
     if (!s.ignore_error) return app.exit(error);
     std::cerr << error.what() << std::endl;
     std::cerr << "Ignoring error." << std::endl;
+    // The forced callback that supplies the default never ran, and the library has cleared the
+    // target: a period of 0 would ask the monitors for nothing.
+    if (chipset2 && s.quillon_dram_ms == 0) s.quillon_dram_ms = defaults.quillon_dram_ms;
   }
 
   if (s.sample_period_ms > s.output_period_ms) {

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "crash_restore.h"
+#include "plugins/charge_plugin.h"
 #include "plugins/example_plugin.h"
 #include "plugins/file_plugin.h"
 #include "plugins/logcat_dsp_plugin.h"
@@ -18,6 +19,9 @@
 #include "plugins/power_plugin.h"
 #include "plugins/stats_plugin.h"
 #include "plugins/thermals_plugin.h"
+#include "plugins/power_rails_plugin.h"
+#include "plugins/quillon_dram_bandwidth_plugin.h"
+#include "plugins/quillon_power_rails_plugin.h"
 
 namespace emberline {
 
@@ -205,6 +209,33 @@ void Emberline::register_stats_plugin(bool cycle) {
       "stats", std::make_shared<StatsPlugin>(cycle),
       PluginManager::PluginFieldOptions("Stats about CPU, GPU and other device properties", "Stats",
                                         false));
+}
+
+void Emberline::register_charge_plugin() {
+  plugin_manager.add_plugin(
+      "charge", std::make_shared<ChargePlugin>(),
+      PluginManager::PluginFieldOptions("Values related to charging", "Charge", false));
+}
+
+// The instrumented-hardware plugins are optional: hardware without the nodes just leaves them out.
+void Emberline::register_brantley_rails_plugin() {
+  plugin_manager.add_plugin("power_rails", std::make_shared<PowerRailsPlugin>(),
+                            PluginManager::PluginFieldOptions(
+                                "Instrumented power rail readings (brantley only)", "Rails", true));
+}
+
+void Emberline::register_quillon_rails_plugin() {
+  plugin_manager.add_plugin(
+      "quillon_rails", std::make_shared<QuillonPowerRailsPlugin>(),
+      PluginManager::PluginFieldOptions("Instrumented power rail readings (quillon only)",
+                                        "Quillon Rails", true));
+}
+
+void Emberline::register_quillon_dram_bw_plugin(unsigned int ms) {
+  plugin_manager.add_plugin(
+      "quillon_dram", std::make_shared<QuillonDRAMBandwidthPlugin>(ms),
+      PluginManager::PluginFieldOptions("Instrumented dram bandwidth readings (quillon only)",
+                                        "Quillon DRAM", true));
 }
 
 void Emberline::register_ravelin_plugin() {

@@ -108,6 +108,10 @@ class Emberline {
   void register_ravelin_plugin();
   void register_dsp_plugin();
   void register_tail_plugin(std::vector<std::string> files);
+  void register_charge_plugin();
+  void register_brantley_rails_plugin();
+  void register_quillon_rails_plugin();
+  void register_quillon_dram_bw_plugin(unsigned int ms);
 
   // For tests: the root of the output tree.
   PluginManager& manager() { return plugin_manager; }

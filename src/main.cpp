@@ -27,10 +27,20 @@ void register_plugins(emberline::Emberline& engine, const emberline::Settings& s
     engine.register_power_plugin(PowerPath::BATTERY, s.use_window, s.window_size, s.exp_smooth);
   }
   if (s.stats || s.all) engine.register_stats_plugin(s.cycle);
+  if (emberline::is_chipset2_device && (s.charge_data || s.all)) engine.register_charge_plugin();
   if (s.ravelin || s.all) engine.register_ravelin_plugin();
+  if (s.thermals || s.all) engine.register_thermals_plugin();
   if (s.dsp || s.all) engine.register_dsp_plugin();
   if (!s.tail.empty()) engine.register_tail_plugin(s.tail);
-  if (s.thermals || s.all) engine.register_thermals_plugin();
+  if (emberline::is_brantley && (s.brantley_rails || s.all)) {
+    engine.register_brantley_rails_plugin();
+  }
+  if (emberline::is_chipset2_device && (s.quillon_rails || s.all)) {
+    engine.register_quillon_rails_plugin();
+  }
+  if (emberline::is_chipset2_device && (s.quillon_dram || s.all)) {
+    engine.register_quillon_dram_bw_plugin(s.quillon_dram_ms);
+  }
   if (s.example || s.all) engine.register_example_plugin();
 }
 

@@ -144,5 +144,14 @@ TEST(CommandLine, SampleRateAboveOutputRateEndsWithOne) {
   }
 }
 
+TEST(CommandLine, DramPeriodFallsBackToItsDefaultAfterAnIgnoredError) {
+  for (auto args : {std::vector<std::string>{"--bogus", "--ignore-error", "--quillon-dram"},
+                    std::vector<std::string>{"--quillon-dram-ms=0", "--ignore-error"}}) {
+    auto parsed = parse(args, kChipset2);
+    EXPECT_FALSE(parsed.exit_code) << args[0];
+    EXPECT_EQ(parsed.settings.quillon_dram_ms, 50u) << args[0];
+  }
+}
+
 }  // namespace
 }  // namespace emberline

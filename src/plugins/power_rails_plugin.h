@@ -1,0 +1,34 @@
+#pragma once
+
+#include <array>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+#include "plugin.h"
+
+namespace emberline {
+
+// Watts of one `average_value` line "<id>,<a>,<b>": both factors are in millionths.
+float rail_watts(int first, int second);
+
+// Per-rail power of Brantley engineering samples, from their two industrial I/O devices.
+class PowerRailsPlugin : public Plugin {
+ public:
+  PowerRailsPlugin();
+
+  bool init() override;
+  bool on_output() override;
+
+ private:
+  std::unordered_map<std::string, std::string> rail_keys;
+  std::array<std::string, 2> device_paths;
+  std::array<std::ifstream, 2> average_files;
+  std::unordered_map<std::string,
+                     std::unordered_map<std::string, std::shared_ptr<UnitValue<3, 'W'>>>>
+      rail_values;
+  std::unordered_map<std::string, std::unordered_map<std::string, std::string>> rail_names;
+};
+
+}  // namespace emberline

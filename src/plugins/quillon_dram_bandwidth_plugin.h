@@ -1,0 +1,109 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "plugin.h"
+
+namespace emberline {
+
+namespace dram {
+
+// One line of a monitor's sample list: unused, used MB/s, available MB/s, DDR MHz.
+using Sample = std::array<unsigned long, 4>;
+
+// Appends the samples of `text` to `out`. Lines without four hexadecimal columns are skipped, so
+// that a driver's stray line costs one sample rather than the tick. Allocates only when `out`
+// has to grow past its capacity.
+void parse_samples(std::string_view text, std::vector<Sample>& out);
+
+// The driver's numbers are 32-bit: sums wrap there and the deviation squares there, so the
+// statistics do the same to match what the driver's own tools report.
+struct BandwidthStats {
+  std::uint32_t samples = 0;
+  std::uint32_t mean = 0;
+  std::uint32_t minimum = 0;
+  std::uint32_t maximum = 0;
+  std::uint32_t available = 0;
+  std::uint32_t ddr_mean = 0;
+  std::uint32_t ddr_minimum = 0;
+  std::uint32_t ddr_maximum = 0;
+  double stddev = 0;
+  float utilisation = 0;
+};
+
+// The CPU and GPU monitors divide as signed numbers, the total monitor as unsigned ones. An empty
+// list gives zero samples and nothing else.
+BandwidthStats client_stats(std::span<const Sample> samples);
+BandwidthStats total_stats(std::span<const Sample> samples);
+
+}  // namespace dram
+
+// DRAM traffic of the CPU, the GPU and the whole memory system, from the driver's bandwidth
+// monitors, reduced at every sample tick.
+class QuillonDRAMBandwidthPlugin : public Plugin {
+ public:
+  explicit QuillonDRAMBandwidthPlugin(unsigned int sample_ms);
+  ~QuillonDRAMBandwidthPlugin() override;
+  QuillonDRAMBandwidthPlugin(const QuillonDRAMBandwidthPlugin&) = delete;
+  QuillonDRAMBandwidthPlugin& operator=(const QuillonDRAMBandwidthPlugin&) = delete;
+
+  bool init() override;
+  bool on_sample() override;
+  bool on_emit_to_perfetto() override;
+
+  bool configureSampling(const std::string& text);
+  bool configureMonitors(const std::string& text);
+  std::string readSampleMsNode();
+  bool initClientMappings();
+  bool update();
+
+ private:
+  static constexpr int kMonitors = 3;
+
+  struct ClientValues {
+    std::shared_ptr<Value<unsigned int>> mean, minimum, maximum, samples;
+    std::shared_ptr<Value<double>> stddev;
+    std::shared_ptr<PercentageValue<3>> utilisation;
+  };
+
+  bool readSampleNode(int monitor);
+  void store(const ClientValues& values, const dram::BandwidthStats& stats);
+  void updateTotal(std::span<const dram::Sample> samples);
+  unsigned int monitorOf(const std::string& client) const;
+  // Keeps a descriptor on `path` so that `bytes` can go back even from a fatal-signal handler.
+  void armRestore(const std::string& path, const std::string& bytes);
+
+  unsigned int sample_ms;
+  ClientValues cpu, gpu, total;
+  std::shared_ptr<Value<unsigned int>> total_avail_bw_mbps;
+  std::shared_ptr<Value<unsigned int>> ddr_freq_mhz, ddr_min_freq_mhz, ddr_max_freq_mhz;
+  std::string saved_sample_ms;
+  std::string sample_ms_path;
+  std::vector<std::string> client_paths;
+  std::vector<std::string> enable_paths;
+  std::vector<std::string> sample_paths;
+  std::unordered_map<std::string, unsigned int> client_index;
+
+  // The sample path reads through descriptors held from init into buffers sized there, so a tick
+  // opens nothing and, once the lists fit, allocates nothing.
+  std::array<int, kMonitors> sample_fds{-1, -1, -1};
+  std::vector<char> read_buffer;
+  std::array<std::vector<dram::Sample>, kMonitors> monitor_samples;
+  unsigned int cpu_monitor = 0, gpu_monitor = 0, total_monitor = 0;
+
+  struct Restore {
+    std::string path;
+    int fd;
+    int slot;
+  };
+  std::vector<Restore> restores;
+};
+
+}  // namespace emberline

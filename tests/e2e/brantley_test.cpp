@@ -1,0 +1,51 @@
+// The rail monitors of a Brantley engineering sample, through the real binary.
+
+#include <gtest/gtest.h>
+
+#include "harness.h"
+
+namespace {
+
+const std::string kDevice3 = "/sys/bus/iio/devices/iio:device3/";
+const std::string kDevice4 = "/sys/bus/iio/devices/iio:device4/";
+
+std::string section(const std::string& out, const std::string& header) {
+  for (const auto& line : e2e::lines(out)) {
+    if (line.rfind(header, 0) == 0) return line;
+  }
+  return "";
+}
+
+TEST(BrantleyRails, RailsByNameInWatts) {
+  e2e::write_file(kDevice3 + "available_rails",
+                  "0:VPH_S7S8S9A\n1:VPH_S10A\nbroken\n2:VPH_S1S2S3A:extra\n3:VPH_S3C\n");
+  e2e::write_file(kDevice3 + "average_value",
+                  "0,3800000,500000\n1,1000000,250000\n3,2000000\n9,1000000,1000000\n"
+                  "3,4000000,1000000,7\n");
+  // A rail missing from the name table still reports, under its own name.
+  e2e::write_file(kDevice4 + "available_rails", "0:VPH_S1S2C\n1:VPH_S7C\n2:S1H\n3:L3A\n4:LDO9\n");
+  e2e::write_file(kDevice4 + "average_value",
+                  "0,1000000,1000000\n1,2000000,500000\n2,500000,500000\n3,3000000,100000\n"
+                  "4,1000000,123000\n");
+  auto result = e2e::run({"--no-power", "--brantley-rails", "-t", "1"});
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_EQ(section(result.out, "[Rails] "),
+            "[Rails] gold: 1.900W | silver: 0.250W | soc_ram: null | gpu: 1.000W | "
+            "ram_contr: 1.000W | dimm1: 0.250W | dimm2: 0.300W | LDO9: 0.123W");
+  EXPECT_EQ(result.err.find("ERROR"), std::string::npos) << result.err;
+}
+
+TEST(BrantleyRails, ProductionHardwareLeavesTheSectionOutAndRunsOn) {
+  std::remove((kDevice4 + "available_rails").c_str());
+  auto result = e2e::run({"--no-power", "--all", "-t", "1"});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_NE(result.err.find("ERROR: Failed to find rail_file '" + kDevice4 +
+                            "average_value'.\nMP (Mass Production) devices are un-supported. Is "
+                            "this 'Engineering Sample' hardware?\n"),
+            std::string::npos)
+      << result.err;
+  EXPECT_EQ(section(result.out, "[Rails]"), "");
+  EXPECT_NE(section(result.out, "[Example] "), "");
+}
+
+}  // namespace

@@ -1,0 +1,251 @@
+// The DRAM bandwidth plugin against the simulated monitor driver: what it sets, what it puts back
+// on each way out, and what a sample tick costs.
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <new>
+#include <thread>
+
+#include "harness.h"
+#include "plugins/node_restore.h"
+#include "plugins/quillon_dram_bandwidth_plugin.h"
+#include "unit/trace_fixture.h"
+
+namespace {
+std::atomic<long> allocations{0};
+}  // namespace
+
+// These replace the global pair, so malloc and free do match; GCC cannot see that.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+
+void* operator new(std::size_t size) {
+  ++allocations;
+  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
+  throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept {
+  std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+  std::free(p);
+}
+
+namespace {
+
+using emberline::QuillonDRAMBandwidthPlugin;
+
+const std::string kRoot = "/sys/devices/system/cpu/bw_prof/";
+
+std::string monitor(int m, const char* node) {
+  return kRoot + "bwmon" + std::to_string(m) + "/" + node;
+}
+
+// "PATH HEX" of each recorded write into the driver's nodes, waiting (boundedly) for `count`.
+std::vector<std::string> driver_writes(std::size_t count) {
+  const std::string log = std::string(std::getenv("EMBERLINE_SIM_STATE")) + "/writes.log";
+  std::vector<std::string> writes;
+  for (int attempt = 0; attempt < 500; ++attempt) {
+    writes.clear();
+    for (const auto& line : e2e::lines(e2e::read_file(log))) {
+      std::string rest = line.substr(line.find(' ') + 1);
+      if (rest.rfind(kRoot, 0) != 0) continue;
+      std::size_t offset = rest.find(' ');
+      writes.push_back(rest.substr(0, offset) + rest.substr(rest.find(' ', offset + 1)));
+    }
+    if (writes.size() >= count) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return writes;
+}
+
+std::vector<std::string> writes_of(std::initializer_list<std::pair<std::string, std::string>> w) {
+  std::vector<std::string> result;
+  for (const auto& [path, hex] : w) result.push_back(path + " " + hex);
+  return result;
+}
+
+// The order of the client nodes is the driver's; here the GPU's monitor comes first.
+void lay_out_monitors() {
+  e2e::write_file(monitor(0, "client"), "gpu\n");
+  e2e::write_file(monitor(1, "client"), "total \t\n");
+  e2e::write_file(monitor(2, "client"), "cpu\n");
+  e2e::write_file(monitor(0, "last_sample"), "1\t100\t400\tc8\n");
+  e2e::write_file(monitor(1, "last_sample"), "1\t300\t800\t547\n2\t500\t800\t1017\nbad line\n");
+  e2e::write_file(monitor(2, "last_sample"), "1\t40\t100\t0\n2\t60\t100\t0\n");
+}
+
+TEST(DramBandwidth, SetsTheDriverForTheRunAndPutsItBack) {
+  lay_out_monitors();
+  {
+    QuillonDRAMBandwidthPlugin plugin(7);
+    ASSERT_TRUE(plugin.init());
+    EXPECT_EQ(e2e::read_file(kRoot + "sample_ms"), "7");
+    driver_writes(4);
+    for (int m = 0; m < 3; ++m) EXPECT_EQ(e2e::read_file(monitor(m, "mon_enabled")), "1");
+    ASSERT_TRUE(plugin.on_sample());
+    EXPECT_EQ(
+        plugin.to_str(),
+        "cpu_bw_mbps: 80 | gpu_bw_mbps: 256 | total_bw_mbps: 1024 | cpu_min_bw_mbps: 64 | "
+        "gpu_min_bw_mbps: 256 | total_min_bw_mbps: 768 | cpu_max_bw_mbps: 96 | "
+        "gpu_max_bw_mbps: 256 | total_max_bw_mbps: 1280 | cpu_samples: 2 | gpu_samples: 1 | "
+        "total_samples: 2 | cpu_stddev_bw_mbps: 16.000000 | gpu_stddev_bw_mbps: 0.000000 | "
+        "total_stddev_bw_mbps: 256.000000 | cpu_util_prct: 31.250% | gpu_util_prct: 25.000% | "
+        "total_util_prct: 50.000% | total_avail_bw_mbps: 2048 | ddr_freq_mhz: 2735 | "
+        "ddr_min_freq_mhz: 1351 | ddr_max_freq_mhz: 4119");
+
+    // An emptied list leaves its client's last statistics standing.
+    e2e::write_file(monitor(2, "last_sample"), "");
+    e2e::write_file(monitor(0, "last_sample"), "9\t200\t400\t0\n");
+    ASSERT_TRUE(plugin.on_sample());
+    std::string text = plugin.to_str();
+    EXPECT_NE(text.find("cpu_bw_mbps: 80 | gpu_bw_mbps: 512 |"), std::string::npos) << text;
+  }
+  EXPECT_EQ(e2e::read_file(kRoot + "sample_ms"), "100\n");
+  for (int m = 0; m < 3; ++m) EXPECT_EQ(e2e::read_file(monitor(m, "mon_enabled")), "0");
+  EXPECT_EQ(driver_writes(8), writes_of({{kRoot + "sample_ms", "37"},
+                                         {monitor(0, "mon_enabled"), "31"},
+                                         {monitor(1, "mon_enabled"), "31"},
+                                         {monitor(2, "mon_enabled"), "31"},
+                                         {kRoot + "sample_ms", "3130300a"},
+                                         {monitor(0, "mon_enabled"), "30"},
+                                         {monitor(1, "mon_enabled"), "30"},
+                                         {monitor(2, "mon_enabled"), "30"}}));
+}
+
+TEST(DramBandwidth, AMonitorThatRefusesItsSwitchFailsInitAndTheOthersAreSwitchedBack) {
+  // A directory in the node's place refuses every write.
+  std::remove(monitor(1, "mon_enabled").c_str());
+  mkdir(monitor(1, "mon_enabled").c_str(), 0755);
+  testing::internal::CaptureStderr();
+  {
+    QuillonDRAMBandwidthPlugin plugin(50);
+    EXPECT_FALSE(plugin.init());
+    EXPECT_EQ(e2e::read_file(monitor(0, "mon_enabled")), "1");
+    // The sim logs a write a moment after it; a rewrite before that would hide the first.
+    driver_writes(2);
+  }
+  std::string err = testing::internal::GetCapturedStderr();
+  std::string refused = "Failed to write value 1 to '" + monitor(1, "mon_enabled") + "'\n";
+  EXPECT_EQ(err, refused + "Failed to write value 0 to '" + monitor(1, "mon_enabled") + "'\n");
+  EXPECT_EQ(e2e::read_file(kRoot + "sample_ms"), "100\n");
+  EXPECT_EQ(driver_writes(4), writes_of({{kRoot + "sample_ms", "3530"},
+                                         {monitor(0, "mon_enabled"), "31"},
+                                         {kRoot + "sample_ms", "3130300a"},
+                                         {monitor(0, "mon_enabled"), "30"}}));
+  EXPECT_EQ(e2e::read_file(monitor(2, "mon_enabled")), "0\n");
+}
+
+TEST(DramBandwidth, AFatalSignalPutsTheNodesBackThroughTheRestoreTable) {
+  pid_t child = fork();
+  if (child == 0) {
+    static QuillonDRAMBandwidthPlugin* plugin = new QuillonDRAMBandwidthPlugin(20);
+    if (!plugin->init()) _exit(3);
+    std::signal(SIGBUS, [](int sig) {
+      emberline::node_restore::restore_all();
+      std::signal(sig, SIG_DFL);
+      std::raise(sig);
+    });
+    std::raise(SIGBUS);
+    _exit(4);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGBUS) << status;
+  EXPECT_EQ(e2e::read_file(kRoot + "sample_ms"), "100\n");
+  for (int m = 0; m < 3; ++m) EXPECT_EQ(e2e::read_file(monitor(m, "mon_enabled")), "0");
+}
+
+TEST(DramBandwidth, ARunEndedBySignalPutsTheNodesBack) {
+  lay_out_monitors();
+  e2e::Options stop;
+  stop.signal_after_start = SIGTERM;
+  auto result = e2e::run(
+      {"--no-power", "--quillon-dram", "--quillon-dram-ms=3", "-s", "10", "-o", "10", "--csv"},
+      stop);
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_EQ(e2e::read_file(kRoot + "sample_ms"), "100\n");
+  EXPECT_EQ(driver_writes(8).front(), kRoot + "sample_ms 33");
+  EXPECT_EQ(driver_writes(8).size(), 8u);
+  for (int m = 0; m < 3; ++m) EXPECT_EQ(e2e::read_file(monitor(m, "mon_enabled")), "0");
+}
+
+int open_descriptors() {
+  int count = 0;
+  DIR* dir = opendir("/proc/self/fd");
+  while (readdir(dir) != nullptr) ++count;
+  closedir(dir);
+  return count;
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kHeapCountsReliable = false;
+#else
+constexpr bool kHeapCountsReliable = true;
+#endif
+
+TEST(DramBandwidth, ASampleTickNeitherAllocatesNorOpens) {
+  lay_out_monitors();
+  std::string long_list;
+  for (int i = 0; i < 300; ++i) long_list += "1\t" + std::to_string(100 + i % 50) + "\t800\t547\n";
+  e2e::write_file(monitor(1, "last_sample"), long_list);
+  QuillonDRAMBandwidthPlugin plugin(1);
+  ASSERT_TRUE(plugin.init());
+  ASSERT_TRUE(plugin.on_sample());
+  const int descriptors = open_descriptors();
+  const long news = allocations.load();
+  for (int tick = 0; tick < 2000; ++tick) ASSERT_TRUE(plugin.on_sample());
+  EXPECT_EQ(open_descriptors(), descriptors);
+  if (kHeapCountsReliable) {
+    EXPECT_EQ(allocations.load(), news);
+  }
+}
+
+TEST(DramBandwidth, ElevenCountersFollowEachSample) {
+  lay_out_monitors();
+  auto result = e2e::run({"-p", "--no-power", "--quillon-dram", "-t", "1", "-s", "250"});
+  ASSERT_EQ(result.exit_code, 0) << result.err;
+  std::string path;
+  for (const auto& entry : std::filesystem::directory_iterator("/data/local/tmp")) {
+    if (entry.path().extension() == ".perfetto-trace") path = entry.path();
+  }
+  using namespace trace_test;
+  auto packets = read_trace(path);
+  std::map<std::uint64_t, std::string> names;
+  for (const Message& track : check_trace(packets)) {
+    names[track.varint(kUuid).value_or(0)] = track.text(kName).value_or("");
+  }
+  // Counts and bandwidths are integers on their tracks; shares are fractions.
+  std::vector<std::string> events;
+  for (const Message& packet : packets) {
+    auto event = packet.message(kTrackEvent);
+    if (!event) continue;
+    std::string value = event->int64(kIntValue)
+                            ? std::to_string(*event->int64(kIntValue))
+                            : std::to_string(*event->fixed_double(kDoubleValue));
+    events.push_back(names[event->varint(kTrackUuid).value_or(0)] + " " + value);
+  }
+  const std::vector<std::string> sample = {
+      "CPU BW utilized MB/s 80",      "CPU BW utilized percentage 0.312500",
+      "GPU BW utilized MB/s 256",     "GPU BW utilized percentage 0.250000",
+      "Total BW utilized MB/s 1024",  "Total BW utilized percentage 0.500000",
+      "Total BW available MB/s 2048", "DDR frequency 2735",
+      "CPU BW sample count 2",        "GPU BW sample count 1",
+      "Total BW sample count 2"};
+  // Samples at 0, 250, ... 1250 ms; a loaded machine may end the run a cycle early.
+  ASSERT_EQ(events.size() % sample.size(), 0u);
+  EXPECT_TRUE(events.size() / sample.size() == 6 || events.size() / sample.size() == 5)
+      << events.size();
+  for (std::size_t i = 0; i < events.size(); ++i) EXPECT_EQ(events[i], sample[i % sample.size()]);
+}
+
+}  // namespace

@@ -1,0 +1,151 @@
+// The charging attributes and the powercap rails of a Quillon headset, through the real binary.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "harness.h"
+
+namespace {
+
+std::string section(const std::string& out, const std::string& header) {
+  for (const auto& line : e2e::lines(out)) {
+    if (line.rfind(header, 0) == 0) return line;
+  }
+  return "";
+}
+
+TEST(Charge, EveryAttributeInItsOwnUnit) {
+  struct Row {
+    const char* file;
+    const char* content;
+    const char* shown;
+  } rows[] = {
+      {"usb/voltage_now", "5100000\n", "USB Voltage Now: 5.100V"},
+      {"usb/typec_power_role", "source [sink]\n", "USB TypeC Power Role: source [sink]"},
+      // A node that holds no line shows null rather than another row's text.
+      {"usb/scope", "", "USB scope: null"},
+      {"usb/output_current_limit", "1500000\n", "USB output_current_limit: 1.500A"},
+      {"usb/current_max", "3000000\n", "USB Current Max: 3.000A"},
+      {"usb/online", "1\n", "USB Supply Online: 1"},
+      {"usb/type", "USB_PD\n", "USB Charge Type: USB_PD"},
+      {"usb/usb_type", "Unknown [SDP] CDP\n", "USB Type: Unknown [SDP] CDP"},
+      {"usb/current_now", "250000\n", "USB Current Now: 0.250A"},
+      {"usb/temp", "287\n", "USB Temperature: 28.70C"},
+      {"battery/time_to_empty_avg", "36000\n", "Bat Time To Empty Avg: 3600.000S"},
+      {"usb/input_current_limit", "2000000\n", "USB input_current_limit: 2.000A"},
+      {"battery/temp", "312\n", "Bat Temp: 31.20C"},
+      {"battery/time_to_full_now", "1200\n", "Bat Time To Full: 120.000S"},
+      {"battery/time_to_full_avg", "1300\n", "Bat Time To Full Avg: 130.000S"},
+      {"battery/model_name", "FNK_5060mAh\n", "Model Name: FNK_5060mAh"},
+      {"battery/voltage_now", "4100000\n", "Bat Voltage Now: 4.100V"},
+      {"battery/charge_full_design", "5060000\n", "Bat Charge Full Design: 5.060V"},
+      {"battery/charge_full", "5000000\n", "Bat Charge Full: 5.000V"},
+      {"battery/status", "Charging\n", "Bat Status: Charging"},
+      {"battery/cycle_count", "87\n", "Bat Cycle Count: 87"},
+      {"battery/present", "1\n", "Bat Present: 1"},
+      {"battery/charge_counter", "1234\n", "Bat Charge Counter: 1234"},
+      {"battery/health", "Good\r\n", "Bat Health: Good"},
+      {"battery/charge_control_limit_max", "12\n", "Bat Charge Control Limit Max: 12"},
+      {"battery/power_now", "25000000\n", "Bat Power Now: 2.500W"},
+      {"battery/power_avg", "-12345678\n", "Bat Power Avg: -1.235W"},
+      {"battery/technology", "Li-ion\n", "Bat Technology: Li-ion"},
+      {"battery/charge_control_limit", "0\n", "Bat Charge Control Limit: 0"},
+      {"battery/current_now", "-500000\n", "Bat Current Now: -0.500A"},
+      {"battery/voltage_max", "4400000\n", "Bat Voltage Max: 4.400V"},
+      {"battery/voltage_ocv", "3950000\n", "Bat Open Circuit Voltage: 3.950V"},
+      {"battery/charge_type", "Fast\n", "Bat Charge Type: Fast"},
+      {"usb/voltage_max", "9000000\n", "USB Voltage Max: 9.000V"},
+      {"battery/capacity", "85\n", "Bat Capacity: 85.000%"},
+      {"battery/type", "Battery\n", "Bat Supply Type: Battery"},
+  };
+  std::string expected = "[Charge] ";
+  for (const auto& row : rows) {
+    e2e::write_file(std::string("/sys/class/power_supply/") + row.file, row.content);
+    expected += std::string(expected.size() > 9 ? " | " : "") + row.shown;
+  }
+  auto result = e2e::run({"--no-power", "--charge-data", "-t", "1"});
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_EQ(section(result.out, "[Charge] "), expected);
+
+  std::remove("/sys/class/power_supply/usb/typec_power_role");
+  result = e2e::run({"--no-power", "--charge-data", "-t", "1"});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_EQ(result.err,
+            "ERROR: Failed to find node file '/sys/class/power_supply/usb/typec_power_role'.\n"
+            "ERROR: Failed to initialize plugin 'charge'\n");
+}
+
+TEST(QuillonRails, OneFieldPerHexadecimalRailDirectory) {
+  namespace fs = std::filesystem;
+  const std::string powercap = "/sys/class/powercap/";
+  for (const auto& entry : fs::directory_iterator(powercap)) fs::remove_all(entry.path());
+  auto rail = [&](const std::string& dir, const std::string& name, const std::string& power) {
+    fs::create_directories(powercap + dir);
+    e2e::write_file(powercap + dir + "/name", name);
+    e2e::write_file(powercap + dir + "/power_uw", power);
+  };
+  rail("epm:a", "gfx\n", "1500000\n");
+  // An upper-case ending is a rail too; a garbled reading leaves it without a number.
+  rail("epm:1B", "ddr\n", "n/a\n");
+  fs::create_directories(powercap + "epm:");
+  fs::create_directories(powercap + "intel-rapl");
+  e2e::write_file(powercap + "epm:c", "a file, not a rail\n");
+
+  auto result = e2e::run({"--no-power", "--quillon-rails", "-t", "1"});
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  std::string line = section(result.out, "[Quillon Rails] ");
+  EXPECT_TRUE(line == "[Quillon Rails] gfx_rail_0: 1.500W | ddr_rail_1: null" ||
+              line == "[Quillon Rails] ddr_rail_0: null | gfx_rail_1: 1.500W")
+      << line;
+
+  // A directory of another prefix is looked for under "epm:", and is not found there.
+  rail("other:2", "cam\n", "1\n");
+  result = e2e::run({"--no-power", "--quillon-rails", "-t", "1"});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.err.find("ERROR: Failed to find name file for rail directory 'epm:2'.\n"), 0u)
+      << result.err;
+  EXPECT_EQ(section(result.out, "[Quillon Rails]"), "");
+}
+
+TEST(QuillonRails, RailsBeyondTheFileTableAreLeftOut) {
+  namespace fs = std::filesystem;
+  const std::string powercap = "/sys/class/powercap/";
+  for (const auto& entry : fs::directory_iterator(powercap)) fs::remove_all(entry.path());
+  for (int i = 0; i < 50; ++i) {
+    std::string dir = powercap + "epm:" + std::to_string(100 + i) + "/";
+    fs::create_directories(dir);
+    e2e::write_file(dir + "name", "r\n");
+    e2e::write_file(dir + "power_uw", "1000\n");
+  }
+  auto result = e2e::run({"--no-power", "--quillon-rails", "-t", "1"});
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  std::string line = section(result.out, "[Quillon Rails] ");
+  EXPECT_NE(line.find("r_rail_47: 0.001W"), std::string::npos);
+  EXPECT_EQ(line.find("r_rail_48"), std::string::npos);
+}
+
+TEST(Quillon, AllCoversTheInstrumentedHardwareInEveryFormat) {
+  e2e::write_file("/sys/devices/system/cpu/bw_prof/bwmon2/last_sample", "1\t400\t800\t547\n");
+  struct Case {
+    const char* format;
+    std::vector<std::string> expected;
+  } cases[] = {
+      {"--inline", {"Charge=(", "Quillon Rails=(", "Quillon DRAM=(", "total_bw_mbps=1024"}},
+      {"--json", {"\"charge\":{", "\"quillon_rails\":{", "\"total_bw_mbps\":1024"}},
+      {"--csv", {"charge.Bat Capacity", "quillon_rails.", "quillon_dram.total_bw_mbps"}},
+  };
+  for (const auto& c : cases) {
+    auto result = e2e::run({"--no-power", "--all", "-t", "1", c.format});
+    EXPECT_EQ(result.exit_code, 0) << c.format << result.err;
+    for (const auto& text : c.expected) {
+      EXPECT_NE(result.out.find(text), std::string::npos) << c.format << ": " << text;
+    }
+  }
+  auto text = e2e::run({"--no-power", "--all", "-t", "1"});
+  for (const char* header : {"[Charge] ", "[Quillon Rails] ", "[Quillon DRAM] ", "[Example] "}) {
+    EXPECT_NE(section(text.out, header), "") << header;
+  }
+}
+
+}  // namespace
