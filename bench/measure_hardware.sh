@@ -13,9 +13,9 @@ profiles=("$@")
 for profile in "${profiles[@]}"; do
   echo "== $profile: emberline --all -s 10 -o 1000 against emberline -s 10 -o 1000, ${seconds}s"
   "$build/sim/emberline-sim" run --profile "$profile" -- bash -c "
-    '$build/bench/emberline_measure' '$build/src/emberline' --all -s 10 -o 1000 -t $seconds \
+    '$build/bench/emberline_measure' '$build/emberline' --all -s 10 -o 1000 -t $seconds \
         >/dev/null 2>/tmp/all.err &
-    '$build/bench/emberline_measure' '$build/src/emberline' -s 10 -o 1000 -t $seconds \
+    '$build/bench/emberline_measure' '$build/emberline' -s 10 -o 1000 -t $seconds \
         >/dev/null 2>/tmp/power.err &
     wait
     read -r au as ac arss < <(tail -n 1 /tmp/all.err)

@@ -11,9 +11,9 @@ seconds=${2:-60}
   hz=\$(getconf CLK_TCK)
   # utime stime cutime cstime, in clock ticks, of a running process
   ticks() { read -r -a f < /proc/\$1/stat; echo \"\${f[13]} \${f[14]} \${f[15]} \${f[16]}\"; }
-  '$build/src/emberline' --no-power --ravelin --dsp -o 1000 -t $((seconds + 3)) >/dev/null 2>&1 &
+  '$build/emberline' --no-power --ravelin --dsp -o 1000 -t $((seconds + 3)) >/dev/null 2>&1 &
   logs=\$!
-  '$build/src/emberline' --no-power -o 1000 -t $((seconds + 3)) >/dev/null 2>&1 &
+  '$build/emberline' --no-power -o 1000 -t $((seconds + 3)) >/dev/null 2>&1 &
   none=\$!
   sleep 2
   read -r lu ls lcu lcs < <(ticks \$logs)

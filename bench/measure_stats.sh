@@ -12,10 +12,10 @@ command -v mpstat >/dev/null || { echo "mpstat missing: bash scripts/setup.sh" >
 
 "$build/sim/emberline-sim" run -- bash -c '
   build=$1 seconds=$2; shift 2
-  "$build/bench/emberline_measure" "$build/src/emberline" --no-power --stats -o 1000 \
+  "$build/bench/emberline_measure" "$build/emberline" --no-power --stats -o 1000 \
       -t "$seconds" "$@" >/dev/null 2>/tmp/emberline.err &
   "$build/bench/emberline_measure" mpstat -P ALL 1 "$seconds" >/dev/null 2>/tmp/mpstat.err &
-  "$build/bench/emberline_measure" "$build/src/emberline" --no-power -o 1000 -t "$seconds" \
+  "$build/bench/emberline_measure" "$build/emberline" --no-power -o 1000 -t "$seconds" \
       >/dev/null 2>/tmp/engine.err &
   wait
   read -r gu gs gc grss < <(tail -n 1 /tmp/engine.err)

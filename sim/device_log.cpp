@@ -73,10 +73,6 @@ std::string format(const char* pattern, auto... args) {
   return std::string(text, static_cast<std::size_t>(std::clamp(n, 0, int{sizeof text} - 1)));
 }
 
-[[noreturn]] void fail(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
 }  // namespace
 
 void step_log(LogActivity& log, double load) {

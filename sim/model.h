@@ -5,9 +5,8 @@
 #include <string_view>
 
 #include "hardware_state.h"
-
-#include "stats_slice.h"
 #include "log_activity.h"
+#include "stats_slice.h"
 #include "thermal.h"
 
 namespace emberline::sim {

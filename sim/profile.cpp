@@ -3,8 +3,8 @@
 #include <array>
 #include <cmath>
 
-#include "thermal.h"
 #include "hardware_nodes.h"
+#include "thermal.h"
 
 namespace emberline::sim {
 

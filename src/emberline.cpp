@@ -17,11 +17,11 @@
 #include "plugins/logcat_dsp_plugin.h"
 #include "plugins/logcat_ravelin_plugin.h"
 #include "plugins/power_plugin.h"
-#include "plugins/stats_plugin.h"
-#include "plugins/thermals_plugin.h"
 #include "plugins/power_rails_plugin.h"
 #include "plugins/quillon_dram_bandwidth_plugin.h"
 #include "plugins/quillon_power_rails_plugin.h"
+#include "plugins/stats_plugin.h"
+#include "plugins/thermals_plugin.h"
 
 namespace emberline {
 

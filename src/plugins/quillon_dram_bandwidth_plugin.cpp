@@ -9,9 +9,9 @@
 #include <cmath>
 #include <iostream>
 
+#include "crash_restore.h"
 #include "platform/trace/perfetto.h"
 #include "platform/zavra_os/zavra_os.h"
-#include "plugins/node_restore.h"
 
 namespace emberline {
 
@@ -231,7 +231,7 @@ QuillonDRAMBandwidthPlugin::~QuillonDRAMBandwidthPlugin() {
   configureMonitors("0");
   // Only now that the nodes are back may a fatal signal stop rewriting them.
   for (const Restore& r : restores) {
-    node_restore::disarm(r.slot);
+    crash_restore::forget(r.slot);
     ::close(r.fd);
   }
   for (int fd : sample_fds) {
@@ -290,7 +290,7 @@ void QuillonDRAMBandwidthPlugin::armRestore(const std::string& path, const std::
   }
   int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
   if (fd < 0) return;
-  int slot = node_restore::arm(fd, bytes);
+  int slot = crash_restore::remember(fd, bytes);
   if (slot < 0) {
     ::close(fd);
     return;

@@ -16,8 +16,8 @@
 #include <new>
 #include <thread>
 
+#include "crash_restore.h"
 #include "harness.h"
-#include "plugins/node_restore.h"
 #include "plugins/quillon_dram_bandwidth_plugin.h"
 #include "unit/trace_fixture.h"
 
@@ -151,7 +151,7 @@ TEST(DramBandwidth, AFatalSignalPutsTheNodesBackThroughTheRestoreTable) {
     static QuillonDRAMBandwidthPlugin* plugin = new QuillonDRAMBandwidthPlugin(20);
     if (!plugin->init()) _exit(3);
     std::signal(SIGBUS, [](int sig) {
-      emberline::node_restore::restore_all();
+      emberline::crash_restore::write_back_all();
       std::signal(sig, SIG_DFL);
       std::raise(sig);
     });

@@ -100,7 +100,7 @@ inline std::string round_seconds(const std::string& text) {
     out.append(last, (*it)[0].first);
     const long millis = std::stol((*it)[1]) * 1000 + std::stol((*it)[2]);
     const long whole = (millis + 500) / 1000;
-    out += std::abs(millis - whole * 1000) <= 20 ? std::to_string(whole) + ".000" : it->str();
+    out += std::abs(millis - whole * 1000) <= 150 ? std::to_string(whole) + ".000" : it->str();
     last = (*it)[0].second;
   }
   out.append(last, text.cend());

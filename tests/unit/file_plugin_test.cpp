@@ -58,7 +58,8 @@ TEST(LogPluginsAndFiles, RegisterUnderTheirKeysLabelsAndDescriptions) {
   testing::internal::CaptureStderr();
   ASSERT_TRUE(engine.init(false));
   testing::internal::GetCapturedStderr();
-  EXPECT_EQ(engine.manager().get_description(OutputFormat::TEXT), R"(Key                                Description
+  EXPECT_EQ(engine.manager().get_description(OutputFormat::TEXT),
+            R"(Key                                Description
 -----                              -----
 Ravelin                       :    Values read from Ravelin logcat entries
     fps                       :    Average frames per second since last output

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "crash_restore.h"
 #include "plugins/charge_plugin.h"
-#include "plugins/node_restore.h"
 #include "plugins/power_rails_plugin.h"
 #include "plugins/quillon_dram_bandwidth_plugin.h"
 #include "plugins/quillon_power_rails_plugin.h"
@@ -161,7 +161,7 @@ std::string contents(int fd) {
   return std::string(buffer, got > 0 ? static_cast<std::size_t>(got) : 0);
 }
 
-TEST(NodeRestore, ArmedEntriesAreRewrittenFromAFatalSignalHandler) {
+TEST(CrashRestore, ArmedEntriesAreRewrittenFromAFatalSignalHandler) {
   char a_path[] = "/tmp/emberline-restore-XXXXXX";
   char b_path[] = "/tmp/emberline-restore-XXXXXX";
   int a = mkstemp(a_path), b = mkstemp(b_path);
@@ -169,12 +169,13 @@ TEST(NodeRestore, ArmedEntriesAreRewrittenFromAFatalSignalHandler) {
   ASSERT_GE(b, 0);
   pid_t child = fork();
   if (child == 0) {
-    int slot_a = node_restore::arm(a, "100\n");
-    int slot_b = node_restore::arm(b, "0");
-    node_restore::disarm(slot_b);
-    if (slot_a < 0 || slot_b < 0 || node_restore::arm(a, std::string(65, 'x')) != -1) _exit(3);
+    int slot_a = crash_restore::remember(a, "100\n");
+    int slot_b = crash_restore::remember(b, "0");
+    crash_restore::forget(slot_b);
+    if (slot_a < 0 || slot_b < 0 || crash_restore::remember(a, std::string(65, 'x')) != -1)
+      _exit(3);
     std::signal(SIGSEGV, [](int sig) {
-      node_restore::restore_all();
+      crash_restore::write_back_all();
       std::signal(sig, SIG_DFL);
       std::raise(sig);
     });
