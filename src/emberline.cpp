@@ -10,6 +10,7 @@
 #include <limits>
 #include <thread>
 
+#include "plugins/cpu_credits_plugin.h"
 #include "plugins/example_plugin.h"
 #include "plugins/power_plugin.h"
 
@@ -179,6 +180,12 @@ void Emberline::register_example_plugin() {
       "example", std::make_shared<ExamplePlugin>(),
       PluginManager::PluginFieldOptions("Example plugin with sample and output counts", "Example",
                                         false));
+}
+
+void Emberline::register_credits_plugin() {
+  plugin_manager.add_plugin(
+      "credits", std::make_shared<CpuCreditsPlugin>(),
+      PluginManager::PluginFieldOptions("CPU credit usage per process", "Credits", false));
 }
 
 namespace {

@@ -99,6 +99,7 @@ class Emberline {
   void register_power_plugin(PowerPath path, bool use_window, unsigned int window_size,
                              float alpha);
   void register_example_plugin();
+  void register_credits_plugin();
 
   // For tests: the root of the output tree.
   PluginManager& manager() { return plugin_manager; }

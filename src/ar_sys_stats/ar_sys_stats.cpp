@@ -1,0 +1,254 @@
+#include "ar_sys_stats/ar_sys_stats.h"
+
+#include <android-base/file.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+
+namespace ArSysStats {
+
+namespace {
+
+constexpr const char* kProc = "/proc";
+constexpr const char* kTask = "task";
+constexpr const char* kTimeInState = "time_in_state";
+constexpr const char* kComm = "comm";
+constexpr const char* kCmdline = "cmdline";
+
+// Longer lines end the file's reading: the kernel never writes one.
+constexpr std::streamsize kLineBuffer = 1024;
+
+// "/proc/<pid>/task/<tid>/<name>" in a fixed buffer: one is built per thread and tick, and a
+// heap string each time would dominate the cost of the walk.
+struct ThreadPath {
+  char text[96];
+  ThreadPath(int pid, int tid, const char* name) {
+    std::snprintf(text, sizeof text, "%s/%d/%s/%d/%s", kProc, pid, kTask, tid, name);
+  }
+};
+
+TimePoint now() {
+  return std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
+}
+
+std::string first_line(const std::string& text) {
+  return text.substr(0, text.find('\n'));
+}
+
+bool is_directory(DIR* dir, const dirent* entry) {
+  if (entry->d_type != DT_UNKNOWN) return entry->d_type == DT_DIR;
+  struct stat st;
+  return ::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+         S_ISDIR(st.st_mode);
+}
+
+// The ids of the numbered subdirectories of `path`, in directory order. Zero and names that are
+// no number are skipped, as atoi reads them both as 0.
+template <typename Visit>
+bool for_each_id(const char* path, Visit&& visit) {
+  DIR* dir = ::opendir(path);
+  if (dir == nullptr) return false;
+  bool complete = true;
+  while (const dirent* entry = ::readdir(dir)) {
+    int id = std::atoi(entry->d_name);
+    if (id == 0 || !is_directory(dir, entry)) continue;
+    if (!visit(id)) {
+      complete = false;
+      break;
+    }
+  }
+  ::closedir(dir);
+  return complete;
+}
+
+}  // namespace
+
+const std::map<ChipsetType, std::map<int, double>> credit_factors = {
+    {ChipsetType::EIGHT_CORE,
+     {{0, 0.296},
+      {1, 0.296},
+      {2, 0.296},
+      {3, 0.296},
+      {4, 0.905},
+      {5, 0.905},
+      {6, 0.905},
+      {7, 0.905}}},
+    {ChipsetType::SIX_CORE,
+     {{0, 0.9345}, {1, 0.9345}, {2, 0.9345}, {3, 0.9345}, {4, 0.9345}, {5, 0.9345}}},
+};
+
+bool getProcInfo(int pid, int tid, ProcInfo* out) {
+  if (out == nullptr) return false;
+  out->timestamp = now();
+  out->pid = pid;
+  out->tid = tid;
+  std::string comm, cmdline;
+  if (!android::base::ReadFileToString(ThreadPath(pid, tid, kComm).text, &comm, false) ||
+      !android::base::ReadFileToString(ThreadPath(pid, tid, kCmdline).text, &cmdline, false)) {
+    return false;
+  }
+  out->comm = first_line(comm);
+  out->cmdline = first_line(cmdline);
+  return true;
+}
+
+void parseTimeInState(std::istream& in, ProcStats* out, bool per_freq) {
+  int cluster = -1;
+  char line[kLineBuffer];
+  while (in.getline(line, kLineBuffer)) {
+    if (line[0] == 'c' && line[1] == 'p' && line[2] == 'u') {
+      // One digit only: the kernel names clusters by their first CPU, below ten on every chip.
+      cluster = line[3] - '0';
+      continue;
+    }
+    long freq = 0, time = 0;
+    std::sscanf(line, "%ld%ld", &freq, &time);
+    out->time_per_cluster[cluster] += time;
+    out->cycles_per_cluster[cluster] += time * freq;
+    if (per_freq) out->time_per_freq[cluster][freq] = time;
+  }
+}
+
+bool getProcStats(int pid, int tid, ProcStats* out, bool per_freq) {
+  if (out == nullptr) return false;
+  out->pid = pid;
+  out->tid = tid;
+  out->timestamp = now();
+  // The stream's own buffer would be a heap block per thread and tick; the file is small.
+  char buffer[4096];
+  std::ifstream in;
+  in.rdbuf()->pubsetbuf(buffer, sizeof buffer);
+  in.open(ThreadPath(pid, tid, kTimeInState).text);
+  if (!in.is_open()) return false;
+  parseTimeInState(in, out, per_freq);
+  return true;
+}
+
+bool ExtractStatsPerTid(int pid, int tid, std::vector<ProcStats>& out, ProcInfoCache cache) {
+  if (!cache) return false;
+  ProcStats stats;
+  if (!getProcStats(pid, tid, &stats, false)) return false;
+  auto [slot, inserted] = cache->try_emplace({pid, tid});
+  if (inserted) {
+    // Kept even if the read fails: the thread then shows with an empty name from the next
+    // snapshot on, instead of being read again at every tick.
+    slot->second = std::make_shared<ProcInfo>();
+    if (!getProcInfo(pid, tid, slot->second.get())) return false;
+  }
+  stats.info = slot->second;
+  out.push_back(std::move(stats));
+  return true;
+}
+
+bool ExtractStatsPerPid(int pid, std::vector<ProcStats>& out, ProcInfoCache cache) {
+  char path[48];
+  std::snprintf(path, sizeof path, "%s/%d/%s", kProc, pid, kTask);
+  return for_each_id(path, [&](int tid) { return ExtractStatsPerTid(pid, tid, out, cache); });
+}
+
+std::vector<ProcStats> ExtractStatsAllProc(ProcInfoCache cache) {
+  std::vector<ProcStats> snapshot;
+  // Every thread seen so far has an identity; most of them are still there.
+  if (cache) snapshot.reserve(cache->size());
+  for_each_id(kProc, [&](int pid) {
+    ExtractStatsPerPid(pid, snapshot, cache);
+    return true;
+  });
+  return snapshot;
+}
+
+ProcStats procStatsDelta(const ProcStats& earlier, const ProcStats& later, TimePoint start) {
+  ProcStats delta;
+  for (const auto& [cluster, cycles] : later.cycles_per_cluster) {
+    auto before = earlier.cycles_per_cluster.find(cluster);
+    delta.cycles_per_cluster.emplace_hint(
+        delta.cycles_per_cluster.end(), cluster,
+        before == earlier.cycles_per_cluster.end() ? cycles : cycles - before->second);
+  }
+  for (const auto& [cluster, time] : later.time_per_cluster) {
+    auto before = earlier.time_per_cluster.find(cluster);
+    delta.time_per_cluster.emplace_hint(
+        delta.time_per_cluster.end(), cluster,
+        before == earlier.time_per_cluster.end() ? time : time - before->second);
+  }
+  for (const auto& [cluster, freqs] : later.time_per_freq) {
+    auto before_cluster = earlier.time_per_freq.find(cluster);
+    auto& out = delta.time_per_freq[cluster];
+    for (const auto& [freq, time] : freqs) {
+      long before = 0;
+      if (before_cluster != earlier.time_per_freq.end()) {
+        auto f = before_cluster->second.find(freq);
+        if (f != before_cluster->second.end()) before = f->second;
+      }
+      out[freq] = time - before;
+    }
+  }
+  delta.pid = later.pid;
+  delta.tid = later.tid;
+  delta.info = later.info;
+  delta.is_new = earlier.pid == -1;
+  // A new thread's counters began inside the period, so its whole count belongs to it.
+  delta.duration = later.timestamp - (delta.is_new ? start : earlier.timestamp);
+  return delta;
+}
+
+std::vector<ProcStats> ProcSnapshotDelta(const std::vector<ProcStats>& earlier,
+                                         const std::vector<ProcStats>& later, ChipsetType chipset,
+                                         bool per_cluster) {
+  std::vector<ProcStats> deltas;
+  if (earlier.empty() || later.empty()) return deltas;
+  const TimePoint start = earlier.front().timestamp;
+
+  // Pairs by (pid, tid); a key seen twice in one snapshot keeps its last element.
+  using Key = std::pair<int, int>;
+  const ProcStats absent;
+  std::map<Key, std::pair<const ProcStats*, const ProcStats*>> pairs;
+  for (const ProcStats& s : earlier) {
+    auto& slot = pairs.try_emplace({s.pid, s.tid}, &absent, &absent).first->second;
+    slot.first = &s;
+  }
+  for (const ProcStats& s : later) {
+    auto& slot = pairs.try_emplace({s.pid, s.tid}, &absent, &absent).first->second;
+    slot.second = &s;
+  }
+
+  deltas.reserve(later.size());
+  for (const auto& [key, pair] : pairs) {
+    if (pair.second->tid == -1) continue;  // ended before the later snapshot
+    ProcStats delta = procStatsDelta(*pair.first, *pair.second, start);
+    if (delta.duration.count() != 0) {
+      delta.credits = cyclesToCredit(delta.cycles_per_cluster, delta.duration, chipset,
+                                     per_cluster ? &delta.credits_per_cluster : nullptr);
+    }
+    deltas.push_back(std::move(delta));
+  }
+  std::sort(deltas.begin(), deltas.end(),
+            [](const ProcStats& a, const ProcStats& b) { return a.credits > b.credits; });
+  return deltas;
+}
+
+double cyclesToCredit(const std::map<int, long>& cycles, Micros duration, ChipsetType chipset,
+                      std::map<int, double>* per_cluster) {
+  if (per_cluster != nullptr) per_cluster->clear();
+  if (cycles.empty()) return 0.0;
+  const double ms = static_cast<double>(duration.count() / 1000);
+  double total = 0.0;
+  for (const auto& [cluster, count] : cycles) {
+    const double rate = static_cast<double>(count) / ms / 100.0;
+    auto factors = credit_factors.find(chipset);
+    if (factors == credit_factors.end()) return -1.0;
+    auto factor = factors->second.find(cluster);
+    if (factor == factors->second.end()) return -1.0;
+    const double credit = rate * factor->second;
+    if (per_cluster != nullptr) (*per_cluster)[cluster] += credit;
+    total += credit;
+  }
+  return total;
+}
+
+}  // namespace ArSysStats
