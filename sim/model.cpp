@@ -14,6 +14,7 @@ constexpr double kSecondsPerHour = 3600.0;
 DeviceModel::DeviceModel(const ModelParams& params, std::uint64_t seed)
     : params_(params), rng_(seed) {
   state_.soc = params_.power.initial_soc;
+  state_.threads = initial_proc_tree(params_.threads, seed);
   next_phase();
   smoothed_a_ = target_a_;
   settle();
@@ -44,6 +45,7 @@ void DeviceModel::step() {
   state_.soc -= state_.battery_a * kStepSeconds / kSecondsPerHour / p.capacity_ah;
   state_.soc = std::clamp(state_.soc, 0.0, 1.0);
   settle();
+  step_proc_tree(params_.threads, state_.threads, state_.load, kStepSeconds);
   ++steps_;
 }
 

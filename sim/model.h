@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <random>
 
+#include "proc_tree.h"
+
 namespace emberline::sim {
 
 // What the headset is asked to do: alternating idle and load phases of random length.
@@ -35,6 +37,7 @@ struct PowerParams {
 struct ModelParams {
   PowerParams power;
   WorkloadParams workload;
+  ProcTreeParams threads;
 };
 
 // One instant of the headset. battery_a follows the kernel's sign: positive while the battery
@@ -48,6 +51,7 @@ struct DeviceState {
   double usb_v = 0;
   double soc = 0;
   bool charging = false;
+  ProcTreeState threads;
 };
 
 // Advances the headset in fixed steps. Deterministic for a seed, and independent of wall time, so

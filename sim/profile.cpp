@@ -3,6 +3,8 @@
 #include <array>
 #include <cmath>
 
+#include "proc_tree.h"
+
 namespace emberline::sim {
 
 std::string micro_units(double value) {
@@ -102,9 +104,10 @@ Profile make(std::string name, std::string device, PowerParams power) {
   Profile p;
   p.name = std::move(name);
   p.device = std::move(device);
-  p.model = {power, kWorkload};
+  p.model = {power, kWorkload, {}};
   add_base(p);
   add_power_supply(p);
+  add_proc_tree(p);
   return p;
 }
 
@@ -152,6 +155,8 @@ std::vector<Profile> make_profiles() {
                       .charger_efficiency = 0.87,
                       .cable_ohm = 0.05,
                       .usb_connected = true}));
+  // The generic headset as crowded as a busy one gets: what the thread walks are measured on.
+  all.push_back(crowded(all.front(), "generic-3000", 3000));
   return all;
 }
 

@@ -199,6 +199,8 @@ int run(const RunOptions& options) {
   lay_out(*profile, state, model.state());
   std::optional<LiveNodes> live;
   if (!options.frozen) live.emplace(*profile, state);
+  std::optional<LiveThreads> threads;
+  if (!options.frozen) threads.emplace(profile->model.threads, model.state().threads, state);
   WriteRecorder recorder(*profile, state);
 
   int pair[2];
@@ -278,6 +280,7 @@ int run(const RunOptions& options) {
       if (::read(timer.get(), &expired, sizeof expired) == sizeof expired && expired > 0) {
         for (std::uint64_t i = 0; i < std::min(expired, kMaxCatchUpSteps); ++i) model.step();
         live->render(model.state());
+        threads->update(model.state().threads);
       }
     }
   }
