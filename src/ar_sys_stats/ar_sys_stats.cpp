@@ -97,6 +97,19 @@ bool getProcInfo(int pid, int tid, ProcInfo* out) {
   return true;
 }
 
+void scanTwoLongs(const char* text, long* first, long* second) {
+  // What sscanf(text, "%ld%ld", ...) stores, without the stream it sets up at every call: that
+  // set-up cost more than the system calls of the whole file. The second number is read only
+  // when the first was.
+  char* end = nullptr;
+  long value = std::strtol(text, &end, 10);
+  if (end == text) return;
+  *first = value;
+  const char* rest = end;
+  value = std::strtol(rest, &end, 10);
+  if (end != rest) *second = value;
+}
+
 void parseTimeInState(std::istream& in, ProcStats* out, bool per_freq) {
   int cluster = -1;
   char line[kLineBuffer];
@@ -107,7 +120,7 @@ void parseTimeInState(std::istream& in, ProcStats* out, bool per_freq) {
       continue;
     }
     long freq = 0, time = 0;
-    std::sscanf(line, "%ld%ld", &freq, &time);
+    scanTwoLongs(line, &freq, &time);
     out->time_per_cluster[cluster] += time;
     out->cycles_per_cluster[cluster] += time * freq;
     if (per_freq) out->time_per_freq[cluster][freq] = time;
@@ -204,31 +217,46 @@ std::vector<ProcStats> ProcSnapshotDelta(const std::vector<ProcStats>& earlier,
   if (earlier.empty() || later.empty()) return deltas;
   const TimePoint start = earlier.front().timestamp;
 
-  // Pairs by (pid, tid); a key seen twice in one snapshot keeps its last element.
-  using Key = std::pair<int, int>;
+  // Both snapshots in (pid, tid) order, walked side by side. A key seen twice in one snapshot
+  // keeps its last element, so the sort is stable and the walk takes the last of a run.
+  auto by_key = [](const std::vector<ProcStats>& snapshot) {
+    std::vector<const ProcStats*> sorted;
+    sorted.reserve(snapshot.size());
+    for (const ProcStats& s : snapshot) sorted.push_back(&s);
+    std::stable_sort(sorted.begin(), sorted.end(), [](const ProcStats* a, const ProcStats* b) {
+      return std::pair(a->pid, a->tid) < std::pair(b->pid, b->tid);
+    });
+    return sorted;
+  };
+  const std::vector<const ProcStats*> before = by_key(earlier), after = by_key(later);
+  auto key = [](const ProcStats* s) { return std::pair(s->pid, s->tid); };
   const ProcStats absent;
-  std::map<Key, std::pair<const ProcStats*, const ProcStats*>> pairs;
-  for (const ProcStats& s : earlier) {
-    auto& slot = pairs.try_emplace({s.pid, s.tid}, &absent, &absent).first->second;
-    slot.first = &s;
-  }
-  for (const ProcStats& s : later) {
-    auto& slot = pairs.try_emplace({s.pid, s.tid}, &absent, &absent).first->second;
-    slot.second = &s;
-  }
 
-  deltas.reserve(later.size());
-  for (const auto& [key, pair] : pairs) {
-    if (pair.second->tid == -1) continue;  // ended before the later snapshot
-    ProcStats delta = procStatsDelta(*pair.first, *pair.second, start);
+  std::vector<ProcStats> unordered;
+  unordered.reserve(after.size());
+  auto b = before.begin();
+  for (auto a = after.begin(); a != after.end(); ++a) {
+    if (a + 1 != after.end() && key(a[1]) == key(*a)) continue;
+    while (b != before.end() && key(*b) < key(*a)) ++b;  // ended before the later snapshot
+    while (b + 1 < before.end() && key(b[1]) == key(*a)) ++b;
+    const ProcStats& earlier_side = b != before.end() && key(*b) == key(*a) ? **b : absent;
+    if ((*a)->tid == -1) continue;
+    ProcStats delta = procStatsDelta(earlier_side, **a, start);
     if (delta.duration.count() != 0) {
       delta.credits = cyclesToCredit(delta.cycles_per_cluster, delta.duration, chipset,
                                      per_cluster ? &delta.credits_per_cluster : nullptr);
     }
-    deltas.push_back(std::move(delta));
+    unordered.push_back(std::move(delta));
   }
-  std::sort(deltas.begin(), deltas.end(),
-            [](const ProcStats& a, const ProcStats& b) { return a.credits > b.credits; });
+
+  // Ordered through indices: a thread's record is too big to shuffle about in a sort.
+  std::vector<std::size_t> order(unordered.size());
+  for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::sort(order.begin(), order.end(), [&](std::size_t x, std::size_t y) {
+    return unordered[x].credits > unordered[y].credits;
+  });
+  deltas.reserve(order.size());
+  for (std::size_t i : order) deltas.push_back(std::move(unordered[i]));
   return deltas;
 }
 

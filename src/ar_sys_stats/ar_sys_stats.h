@@ -61,6 +61,9 @@ std::vector<ProcStats> ProcSnapshotDelta(const std::vector<ProcStats>& earlier,
 double cyclesToCredit(const std::map<int, long>& cycles, Micros duration, ChipsetType chipset,
                       std::map<int, double>* per_cluster);
 
+// Stores the numbers that sscanf(text, "%ld%ld", first, second) would store.
+void scanTwoLongs(const char* text, long* first, long* second);
+
 // The counting behind getProcStats, apart from the file: adds the text's lines to `out`.
 void parseTimeInState(std::istream& in, ProcStats* out, bool per_freq);
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <sstream>
 
 namespace {
@@ -34,6 +35,31 @@ TEST(TimeInState, BooksTimeAndCyclesByTheClusterAbove) {
     EXPECT_EQ(stats.time_per_cluster, c.time) << c.text.substr(0, 40);
     EXPECT_EQ(stats.cycles_per_cluster, c.cycles) << c.text.substr(0, 40);
     EXPECT_TRUE(stats.time_per_freq.empty());
+  }
+}
+
+TEST(TimeInState, NumbersAreReadAsSscanfReadsThem) {
+  const char* lines[] = {"300000 10",
+                         "  7\t-3 ",
+                         "5-3",
+                         "+4 +2",
+                         "abc 5",
+                         "5 abc",
+                         "- 5",
+                         "5e3 2",
+                         "0x10 1",
+                         "",
+                         "   ",
+                         "010 08",
+                         "-0 -",
+                         "99999999999999999999 3",
+                         "1 -99999999999999999999"};
+  for (const char* line : lines) {
+    long freq = 0, time = 0, want_freq = 0, want_time = 0;
+    std::sscanf(line, "%ld%ld", &want_freq, &want_time);
+    scanTwoLongs(line, &freq, &time);
+    EXPECT_EQ(freq, want_freq) << line;
+    EXPECT_EQ(time, want_time) << line;
   }
 }
 
