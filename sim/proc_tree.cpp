@@ -104,7 +104,7 @@ const ProcTreeParams& generic_tree() {
           },
       .clusters = {{0, {300000, 691200, 1190400, 1497600, 1785600}},
                    {4, {710400, 1171200, 1574400, 2016000, 2419200}}},
-      .total_threads = 300,
+      .total_threads = 0,
       .transient_per_s = 2.0,
   };
   return tree;
@@ -254,7 +254,7 @@ Profile crowded(const Profile& base, std::string name, int threads) {
   p.name = std::move(name);
   std::erase_if(p.nodes, is_thread_node);
   p.model.threads.total_threads = threads;
-  // Many more threads start and end, in proportion.
+  // More threads start and end, in proportion.
   p.model.threads.transient_per_s *= threads / 300.0;
   add_proc_tree(p);
   return p;
@@ -278,9 +278,11 @@ void LiveThreads::update(const ProcTreeState& tree) {
       write_whole(building + "/time_in_state", time_in_state(params_, t));
       ::rename(building.c_str(), (task + std::to_string(t.tid)).c_str());
     } else if (slot->second.version != t.version) {
-      std::string dir = task + std::to_string(t.tid);
-      write_whole(dir + "/.time_in_state", time_in_state(params_, t));
-      ::rename((dir + "/.time_in_state").c_str(), (dir + "/time_in_state").c_str());
+      // In place: a counter only grows, so its file never gets shorter, and a new inode at every
+      // tick would cost the file system far more than the bytes.
+      std::string path = task + std::to_string(t.tid) + "/time_in_state";
+      UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+      if (fd) rewrite(fd.get(), time_in_state(params_, t));
       slot->second.version = t.version;
     }
   }

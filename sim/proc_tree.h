@@ -70,12 +70,13 @@ std::string time_in_state(const ProcTreeParams& params, const ThreadState& threa
 struct Profile;
 // The tree's files as the profile's nodes, so that a frozen headset has them too.
 void add_proc_tree(Profile& profile);
-// The generic tree padded to `threads` threads: what benchmarks run against.
+// The generic headset with its tree padded to `threads` threads by binder pools: what the
+// thread walks are measured on.
 Profile crowded(const Profile& base, std::string name, int threads);
 
 // Follows the live tree on disk: makes the directories of new threads, removes those of ended
-// ones and rewrites counters that changed. Each change is a rename, so a reader sees a thread
-// whole or not at all, and a counter file old or new.
+// ones and rewrites counters that changed in place. Threads appear and vanish by a rename, so a
+// reader sees a thread whole or not at all.
 class LiveThreads {
  public:
   LiveThreads(const ProcTreeParams& params, const ProcTreeState& initial, std::string state_dir);

@@ -155,7 +155,8 @@ std::vector<Profile> make_profiles() {
                       .charger_efficiency = 0.87,
                       .cable_ohm = 0.05,
                       .usb_connected = true}));
-  // The generic headset as crowded as a busy one gets: what the thread walks are measured on.
+  // The generic headset with as many threads as a busy one has, and ten times that.
+  all.push_back(crowded(all.front(), "generic-300", 300));
   all.push_back(crowded(all.front(), "generic-3000", 3000));
   return all;
 }
