@@ -1,5 +1,7 @@
 #include "plugins/cpu_credits_plugin.h"
 
+#include <algorithm>
+#include <limits>
 #include <string>
 #include <unordered_map>
 
@@ -30,10 +32,13 @@ void CpuCreditsPlugin::Report(const std::vector<ProcStats>& earlier,
   cpu_credits->entries.clear();
   std::unordered_map<std::string, int> totals;
   for (const ProcStats& delta : deltas) {
-    // Threads under one credit are noise, and -1 marks a thread that could not be weighed.
-    if (delta.credits < 1.0) continue;
+    // Threads under one credit are noise, and -1 marks a thread that could not be weighed. A
+    // period under a millisecond (a wall clock set back) gives no number at all: left out too.
+    if (!(delta.credits >= 1.0)) continue;
     int& total = totals[delta.info ? delta.info->comm : std::string()];
-    total = static_cast<int>(delta.credits + static_cast<double>(total));
+    // Truncated at each step; held at the largest int rather than overflowing.
+    total = static_cast<int>(std::min(delta.credits + static_cast<double>(total),
+                                      static_cast<double>(std::numeric_limits<int>::max())));
   }
   for (const auto& [name, total] : totals) {
     cpu_credits->set(name, coralis::tidemark::json::JsonVal(static_cast<long>(total)));

@@ -46,14 +46,17 @@ TEST(CpuCredits, SumsThreadsOfOneNameTruncatingAtEachStep) {
   }
 }
 
-TEST(CpuCredits, ThreadsThatCannotBeWeighedAreLeftOut) {
-  std::vector<ProcStats> earlier{thread(1, "same_instant", 0, 0), thread(2, "odd_cluster", 0, 0)};
+TEST(CpuCredits, ThreadsThatCannotBeWeighedAreLeftOutAndHugeOnesHeld) {
+  std::vector<ProcStats> earlier{thread(1, "same_instant", 0, 0), thread(2, "odd_cluster", 0, 0),
+                                 thread(3, "under_1ms", 0, 0), thread(4, "huge", 0, 0)};
   std::vector<ProcStats> later{thread(1, "same_instant", 50, 0),
-                               thread(2, "odd_cluster", 50, 1000000)};
+                               thread(2, "odd_cluster", 50, 1000000),
+                               thread(3, "under_1ms", 0, 500), thread(4, "huge", 0, 1000000)};
   later[1].cycles_per_cluster[9] = 1;
+  later[3].cycles_per_cluster[4] = 1L << 62;
   emberline::CpuCreditsPlugin plugin;
   plugin.Report(earlier, later);
-  EXPECT_EQ(plugin.credits()->to_json(), "null");
+  EXPECT_EQ(plugin.credits()->to_json(), "{\"huge\":2147483647}");
 }
 
 }  // namespace
