@@ -15,6 +15,7 @@ DeviceModel::DeviceModel(const ModelParams& params, std::uint64_t seed)
     : params_(params), rng_(seed) {
   state_.soc = params_.power.initial_soc;
   init_stats(state_.stats, params_.stats);
+  state_.threads = initial_proc_tree(params_.threads, seed);
   next_phase();
   smoothed_a_ = target_a_;
   settle();
@@ -49,6 +50,7 @@ void DeviceModel::step() {
   step_log(state_.log, state_.load);
   step_thermal(state_, kStepSeconds);
   step_hardware(state_.hardware, state_, kStepSeconds);
+  step_proc_tree(params_.threads, state_.threads, state_.load, kStepSeconds);
   ++steps_;
 }
 

@@ -6,6 +6,7 @@
 
 #include "hardware_state.h"
 #include "log_activity.h"
+#include "proc_tree.h"
 #include "stats_slice.h"
 #include "thermal.h"
 
@@ -42,6 +43,7 @@ struct ModelParams {
   PowerParams power;
   WorkloadParams workload;
   StatsParams stats{};
+  ProcTreeParams threads;
 };
 
 // One instant of the headset. battery_a follows the kernel's sign: positive while the battery
@@ -59,6 +61,7 @@ struct DeviceState {
   LogActivity log;
   ThermalState thermal;
   HardwareState hardware;
+  ProcTreeState threads;
 };
 
 // Advances the headset in fixed steps. Deterministic for a seed, and independent of wall time, so

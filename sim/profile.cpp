@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "hardware_nodes.h"
+#include "proc_tree.h"
 #include "thermal.h"
 
 namespace emberline::sim {
@@ -64,12 +65,13 @@ Profile make(std::string name, std::string device, PowerParams power) {
   Profile p;
   p.name = std::move(name);
   p.device = std::move(device);
-  p.model = {power, kWorkload};
+  p.model = {power, kWorkload, {}};
   add_base(p);
   add_power_supply(p);
   add_stats_slice(p);
   add_thermal(p);
   add_hardware(p);
+  add_proc_tree(p);
   return p;
 }
 
@@ -117,6 +119,9 @@ std::vector<Profile> make_profiles() {
                       .charger_efficiency = 0.87,
                       .cable_ohm = 0.05,
                       .usb_connected = true}));
+  // The generic headset with as many threads as a busy one has, and ten times that.
+  all.push_back(crowded(all.front(), "generic-300", 300));
+  all.push_back(crowded(all.front(), "generic-3000", 3000));
   return all;
 }
 

@@ -187,6 +187,8 @@ int run(const RunOptions& options) {
   if (!options.frozen) live.emplace(*profile, state);
   std::optional<LogWriter> log;
   if (!options.frozen) log.emplace(state);
+  std::optional<LiveThreads> threads;
+  if (!options.frozen) threads.emplace(profile->model.threads, model.state().threads, state);
   WriteRecorder recorder(*profile, state);
 
   int pair[2];
@@ -267,6 +269,7 @@ int run(const RunOptions& options) {
         for (std::uint64_t i = 0; i < std::min(expired, kMaxCatchUpSteps); ++i) model.step();
         live->render(model.state());
         log->write(model.state().log);
+        threads->update(model.state().threads);
       }
     }
   }

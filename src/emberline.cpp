@@ -12,6 +12,7 @@
 
 #include "crash_restore.h"
 #include "plugins/charge_plugin.h"
+#include "plugins/cpu_credits_plugin.h"
 #include "plugins/example_plugin.h"
 #include "plugins/file_plugin.h"
 #include "plugins/logcat_dsp_plugin.h"
@@ -209,6 +210,12 @@ void Emberline::register_stats_plugin(bool cycle) {
       "stats", std::make_shared<StatsPlugin>(cycle),
       PluginManager::PluginFieldOptions("Stats about CPU, GPU and other device properties", "Stats",
                                         false));
+}
+
+void Emberline::register_credits_plugin() {
+  plugin_manager.add_plugin(
+      "credits", std::make_shared<CpuCreditsPlugin>(),
+      PluginManager::PluginFieldOptions("CPU credit usage per process", "Credits", false));
 }
 
 void Emberline::register_charge_plugin() {

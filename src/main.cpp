@@ -27,6 +27,7 @@ void register_plugins(emberline::Emberline& engine, const emberline::Settings& s
     engine.register_power_plugin(PowerPath::BATTERY, s.use_window, s.window_size, s.exp_smooth);
   }
   if (s.stats || s.all) engine.register_stats_plugin(s.cycle);
+  if (s.credits || s.all) engine.register_credits_plugin();
   if (emberline::is_chipset2_device && (s.charge_data || s.all)) engine.register_charge_plugin();
   if (s.ravelin || s.all) engine.register_ravelin_plugin();
   if (s.thermals || s.all) engine.register_thermals_plugin();

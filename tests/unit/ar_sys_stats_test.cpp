@@ -1,0 +1,185 @@
+#include "ar_sys_stats/ar_sys_stats.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <sstream>
+
+namespace {
+
+using namespace ArSysStats;
+using std::chrono::microseconds;
+
+TEST(TimeInState, BooksTimeAndCyclesByTheClusterAbove) {
+  struct Case {
+    std::string text;
+    std::map<int, long> time, cycles;
+  } cases[] = {
+      {"cpu0\n300000 10\n600000 5\ncpu4\n1000000 2\n",
+       {{0, 15}, {4, 2}},
+       {{0, 6000000}, {4, 2000000}}},
+      {"300000 4\ncpu2\n100 1\n", {{-1, 4}, {2, 1}}, {{-1, 1200000}, {2, 100}}},
+      // One digit names the cluster; a repeated name adds up.
+      {"cpu12\n10 3\ncpu1\n20 1", {{1, 4}}, {{1, 50}}},
+      // A line without numbers counts as zeros, one with a single number as that frequency.
+      {"cpu7\ngarbage\n5000\n8 -2\n", {{7, -2}}, {{7, -16}}},
+      // The longest line that fits the buffer counts; one character more ends the reading.
+      {"cpu0\n" + std::string(1020, ' ') + "5 2\ncpu4\n1 1\n", {{0, 2}, {4, 1}}, {{0, 10}, {4, 1}}},
+      {"cpu0\n1 1\n" + std::string(1021, ' ') + "5 2\n2 2\n", {{0, 1}}, {{0, 1}}},
+      {"", {}, {}},
+  };
+  for (const auto& c : cases) {
+    ProcStats stats;
+    std::istringstream in(c.text);
+    parseTimeInState(in, &stats, false);
+    EXPECT_EQ(stats.time_per_cluster, c.time) << c.text.substr(0, 40);
+    EXPECT_EQ(stats.cycles_per_cluster, c.cycles) << c.text.substr(0, 40);
+    EXPECT_TRUE(stats.time_per_freq.empty());
+  }
+}
+
+TEST(TimeInState, NumbersAreReadAsSscanfReadsThem) {
+  const char* lines[] = {"300000 10",
+                         "  7\t-3 ",
+                         "5-3",
+                         "+4 +2",
+                         "abc 5",
+                         "5 abc",
+                         "- 5",
+                         "5e3 2",
+                         "0x10 1",
+                         "",
+                         "   ",
+                         "010 08",
+                         "-0 -",
+                         "99999999999999999999 3",
+                         "1 -99999999999999999999"};
+  for (const char* line : lines) {
+    long freq = 0, time = 0, want_freq = 0, want_time = 0;
+    std::sscanf(line, "%ld%ld", &want_freq, &want_time);
+    scanTwoLongs(line, &freq, &time);
+    EXPECT_EQ(freq, want_freq) << line;
+    EXPECT_EQ(time, want_time) << line;
+  }
+}
+
+TEST(TimeInState, KeepsEachFrequencyWhenAsked) {
+  ProcStats stats;
+  std::istringstream in("cpu0\n300 1\n600 2\ncpu4\n900 3\n");
+  parseTimeInState(in, &stats, true);
+  std::map<int, std::map<long, long>> expected{{0, {{300, 1}, {600, 2}}}, {4, {{900, 3}}}};
+  EXPECT_EQ(stats.time_per_freq, expected);
+}
+
+TEST(CyclesToCredit, WeighsCyclesPerMillisecondByTheClusterFactor) {
+  struct Case {
+    std::map<int, long> cycles;
+    long long micros;
+    ChipsetType chipset;
+    double credits;
+    std::map<int, double> per_cluster;
+  } cases[] = {
+      {{{4, 100000000}}, 1000000, ChipsetType::EIGHT_CORE, 905.0, {{4, 905.0}}},
+      {{{0, 100000000}}, 1000000, ChipsetType::EIGHT_CORE, 296.0, {{0, 296.0}}},
+      {{{3, 1000000}, {7, 2000000}},
+       2000000,
+       ChipsetType::EIGHT_CORE,
+       1.48 + 9.05,
+       {{3, 1.48}, {7, 9.05}}},
+      {{{5, 5000000}}, 1000000, ChipsetType::SIX_CORE, 46.725, {{5, 46.725}}},
+      // Whole milliseconds only: 1999 us count as one.
+      {{{0, 1000}}, 1999, ChipsetType::EIGHT_CORE, 2.96, {{0, 2.96}}},
+      {{}, 1000000, ChipsetType::EIGHT_CORE, 0.0, {}},
+      // A cluster the chip does not have voids the thread; what came before it stays.
+      {{{0, 1000000}, {6, 1000000}}, 1000000, ChipsetType::SIX_CORE, -1.0, {{0, 9.345}}},
+      {{{-1, 1000000}}, 1000000, ChipsetType::EIGHT_CORE, -1.0, {}},
+  };
+  for (const auto& c : cases) {
+    std::map<int, double> per_cluster{{9, 1.0}};
+    double credits = cyclesToCredit(c.cycles, microseconds(c.micros), c.chipset, &per_cluster);
+    EXPECT_NEAR(credits, c.credits, 1e-9);
+    ASSERT_EQ(per_cluster.size(), c.per_cluster.size());
+    for (const auto& [cluster, credit] : c.per_cluster) {
+      EXPECT_NEAR(per_cluster[cluster], credit, 1e-9) << cluster;
+    }
+    EXPECT_NEAR(cyclesToCredit(c.cycles, microseconds(c.micros), c.chipset, nullptr), c.credits,
+                1e-9);
+  }
+}
+
+ProcStats thread(int pid, int tid, long long at_us, std::map<int, long> cycles,
+                 std::map<int, long> time = {}) {
+  ProcStats s;
+  s.pid = pid;
+  s.tid = tid;
+  s.info = std::make_shared<ProcInfo>();
+  s.info->comm = "t" + std::to_string(tid);
+  s.timestamp = TimePoint(microseconds(at_us));
+  s.cycles_per_cluster = std::move(cycles);
+  s.time_per_cluster = std::move(time);
+  return s;
+}
+
+TEST(SnapshotDelta, PairsThreadsAndCreditsTheirDifferences) {
+  // Earlier snapshot at 1 s, later at 2 s; the first element of the earlier one sets the start of
+  // threads that are new.
+  std::vector<ProcStats> earlier{
+      thread(10, 11, 1000000, {{0, 1000000}}, {{0, 5}}),
+      thread(10, 10, 1000500, {{0, 500000}, {4, 100}}, {{0, 2}, {4, 1}}),
+      thread(20, 20, 1001000, {{0, 9}}),  // ends before the later snapshot
+      thread(30, 30, 1001000, {{4, 100}}),
+  };
+  std::vector<ProcStats> later{
+      thread(30, 30, 1001000, {{4, 100000100}}),  // read at the same instant: no duration
+      thread(10, 10, 2000500, {{0, 2500000}, {4, 100}}, {{0, 9}, {4, 1}}),
+      thread(10, 11, 2000000, {{0, 1000000}, {4, 1000000}}, {{0, 5}, {4, 4}}),
+      thread(40, 41, 1500000, {{4, 200000}}),
+  };
+  std::vector<ProcStats> deltas = ProcSnapshotDelta(earlier, later, ChipsetType::EIGHT_CORE, true);
+  ASSERT_EQ(deltas.size(), 4u);
+
+  EXPECT_EQ(deltas[0].tid, 11);  // 1e6 cycles on cluster 4 over 1000 ms
+  EXPECT_NEAR(deltas[0].credits, 9.05, 1e-9);
+  EXPECT_EQ(deltas[0].cycles_per_cluster, (std::map<int, long>{{0, 0}, {4, 1000000}}));
+  EXPECT_EQ(deltas[0].time_per_cluster, (std::map<int, long>{{0, 0}, {4, 4}}));
+  EXPECT_EQ(deltas[0].credits_per_cluster, (std::map<int, double>{{0, 0.0}, {4, 9.05}}));
+  EXPECT_EQ(deltas[0].duration, microseconds(1000000));
+  EXPECT_FALSE(deltas[0].is_new);
+
+  EXPECT_EQ(deltas[1].tid, 10);  // 2e6 cycles on cluster 0 over 1000 ms
+  EXPECT_NEAR(deltas[1].credits, 5.92, 1e-9);
+  EXPECT_EQ(deltas[1].time_per_cluster, (std::map<int, long>{{0, 7}, {4, 0}}));
+  EXPECT_EQ(deltas[1].info, later[1].info);
+  EXPECT_EQ(deltas[1].timestamp, TimePoint());
+
+  EXPECT_EQ(deltas[2].tid, 41);  // new: its whole count, since the earlier snapshot's start
+  EXPECT_TRUE(deltas[2].is_new);
+  EXPECT_EQ(deltas[2].duration, microseconds(500000));
+  EXPECT_EQ(deltas[2].cycles_per_cluster, (std::map<int, long>{{4, 200000}}));
+  EXPECT_NEAR(deltas[2].credits, 200000 / 500.0 / 100.0 * 0.905, 1e-9);
+
+  EXPECT_EQ(deltas[3].tid, 30);
+  EXPECT_EQ(deltas[3].duration, microseconds(0));
+  EXPECT_EQ(deltas[3].credits, -1.0);
+  EXPECT_TRUE(deltas[3].credits_per_cluster.empty());
+}
+
+TEST(SnapshotDelta, NothingWithoutBothSnapshots) {
+  std::vector<ProcStats> one{thread(1, 1, 0, {{0, 1}})};
+  EXPECT_TRUE(ProcSnapshotDelta({}, one, ChipsetType::EIGHT_CORE, false).empty());
+  EXPECT_TRUE(ProcSnapshotDelta(one, {}, ChipsetType::EIGHT_CORE, false).empty());
+}
+
+TEST(SnapshotDelta, PerFrequencyTimesSubtractWhereBothHaveThem) {
+  ProcStats earlier = thread(1, 1, 0, {});
+  earlier.time_per_freq = {{0, {{300, 5}, {600, 1}}}};
+  ProcStats later = thread(1, 1, 1000, {});
+  later.time_per_freq = {{0, {{300, 9}, {900, 2}}}, {4, {{1000, 3}}}};
+  ProcStats delta = procStatsDelta(earlier, later, TimePoint());
+  std::map<int, std::map<long, long>> expected{{0, {{300, 4}, {900, 2}}}, {4, {{1000, 3}}}};
+  EXPECT_EQ(delta.time_per_freq, expected);
+  EXPECT_EQ(delta.duration, microseconds(1000));
+  EXPECT_EQ(delta.credits, -1.0);
+}
+
+}  // namespace
