@@ -65,7 +65,7 @@ Profile make(std::string name, std::string device, PowerParams power) {
   Profile p;
   p.name = std::move(name);
   p.device = std::move(device);
-  p.model = {power, kWorkload, {}};
+  p.model = {.power = power, .workload = kWorkload, .stats = {}, .threads = {}};
   add_base(p);
   add_power_supply(p);
   add_stats_slice(p);

@@ -100,21 +100,24 @@ TEST(Charging, GivenBackWhenAPluginFailsMidRun) {
     bool on_output() override { return ++outputs < 2; }
     int outputs = 0;
   };
-  // Moves on at once, except that the charger's settle really passes for a moment, so that the
-  // sim can tell the suspending writes from the resuming ones.
+  // Moves on at once, except that the charger's settle lasts until the sim has logged the
+  // suspending writes, so that it can tell them from the resuming ones.
   class Instant : public emberline::LoopClock {
+   public:
+    explicit Instant(std::size_t before) : before(before) {}
     std::int64_t now_us() override { return now; }
     void sleep_for(std::chrono::nanoseconds d) override {
-      if (d >= std::chrono::seconds(1)) std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      if (d >= std::chrono::seconds(1)) recorded_writes(before, 4);
       now += d.count() / 1000;
     }
+    std::size_t before;
     std::int64_t now = 1'700'000'000'000'000;
   };
   const std::size_t before = writes_so_far();
   {
     emberline::Emberline engine(false);
     engine.set_quiet(true);
-    engine.set_clock(std::make_shared<Instant>());
+    engine.set_clock(std::make_shared<Instant>(before));
     engine.manager().add_plugin(
         "failing", std::make_shared<FailsOnSecondReport>(),
         emberline::PluginManager::PluginFieldOptions(std::nullopt, std::nullopt, false));
