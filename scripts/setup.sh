@@ -11,10 +11,13 @@ packages=(
   sysstat
 )
 
+# A library may also be installed for another architecture (scripts/build-arm64.sh adds arm64):
+# only this machine's own build, or an architecture-free one, counts.
+native=$(dpkg --print-architecture)
 missing=()
 for package in "${packages[@]}"; do
-  status=$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null || true)
-  [[ "$status" == "install ok installed" ]] || missing+=("$package")
+  dpkg-query -W -f='${Architecture} ${Status}\n' "$package" 2>/dev/null |
+    grep -qE "^($native|all) install ok installed$" || missing+=("$package")
 done
 [[ ${#missing[@]} -eq 0 ]] && exit 0
 

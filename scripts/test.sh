@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and runs the whole suite twice: a normal build, then AddressSanitizer with
-# UndefinedBehaviorSanitizer. Threaded code runs a third time under ThreadSanitizer.
+# UndefinedBehaviorSanitizer. Threaded code runs a third time under ThreadSanitizer. Between the
+# first two, the tool and its in-process tests are cross-built for arm64 and run under qemu.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -21,5 +22,8 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS=halt_on_error=1
 
 run_suite build/normal
+# The same code cross-built for arm64, its in-process tests run under qemu.
+echo "== build/arm64"
+bash scripts/build-arm64.sh build/arm64 build/normal
 run_suite build/asan -DEMBERLINE_SANITIZE=ON -DEMBERLINE_BENCH=OFF
 CTEST_ARGS="-L threads" run_suite build/tsan -DEMBERLINE_TSAN=ON -DEMBERLINE_BENCH=OFF

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "platform/os/os.h"
 #include "platform/trace/proto_writer.h"
 
 namespace perfetto {
@@ -107,14 +108,6 @@ std::uint64_t child_uuid(std::uint64_t parent, std::uint64_t key) {
   return uuid != 0 ? uuid : 1;
 }
 
-const char* process_name() {
-#ifdef __ANDROID__
-  return getprogname();
-#else
-  return program_invocation_short_name;
-#endif
-}
-
 // --- Session state -------------------------------------------------------------------------------
 
 struct TrackInfo {
@@ -199,7 +192,7 @@ void put_descriptor(ProtoWriter& w, std::uint64_t uuid, const TrackInfo& info) {
     case TrackInfo::Kind::kProcess: {
       std::size_t process = w.begin_nested(track_descriptor::kProcess);
       w.add_varint(process_descriptor::kPid, static_cast<std::uint64_t>(::getpid()));
-      w.add_string(process_descriptor::kProcessName, process_name());
+      w.add_string(process_descriptor::kProcessName, emberline::os::program_name());
       w.end_nested(process);
       break;
     }

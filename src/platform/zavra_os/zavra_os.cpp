@@ -6,9 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 
-#ifdef __ANDROID__
-#include <sys/system_properties.h>
-#endif
+#include "platform/os/os.h"
 
 namespace Zavra::OS {
 
@@ -29,21 +27,8 @@ std::string findProperty(std::string_view build_prop, std::string_view key) {
   return found;
 }
 
-namespace {
-std::string readDeviceName() {
-#ifdef __ANDROID__
-  char value[PROP_VALUE_MAX] = {};
-  __system_property_get("ro.product.device", value);
-  return value;
-#else
-  auto text = File::ReadText("/system/build.prop", 1 << 20);
-  return text ? findProperty(*text, "ro.product.device") : std::string();
-#endif
-}
-}  // namespace
-
 const std::string& deviceName() {
-  static const std::string name = readDeviceName();
+  static const std::string name = emberline::os::property("ro.product.device");
   return name;
 }
 

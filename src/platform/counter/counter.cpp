@@ -1,0 +1,11 @@
+#include "platform/counter/counter.h"
+
+namespace emberline {
+
+std::uint64_t monotonic_cntvct() {
+  std::timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return cntvct_from_timespec(now);
+}
+
+}  // namespace emberline
