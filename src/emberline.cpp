@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "plugins/cpu_credits_plugin.h"
+#include "plugins/dsp_trace_plugin.h"
 #include "plugins/example_plugin.h"
 #include "plugins/power_plugin.h"
 
@@ -186,6 +187,12 @@ void Emberline::register_credits_plugin() {
   plugin_manager.add_plugin(
       "credits", std::make_shared<CpuCreditsPlugin>(),
       PluginManager::PluginFieldOptions("CPU credit usage per process", "Credits", false));
+}
+
+void Emberline::register_dsp_trace_plugin() {
+  plugin_manager.add_plugin(
+      "dsp_trace", std::make_shared<DspTracePlugin>(),
+      PluginManager::PluginFieldOptions("DSP tracing data", "DSP Tracing", false));
 }
 
 namespace {

@@ -100,6 +100,7 @@ class Emberline {
                              float alpha);
   void register_example_plugin();
   void register_credits_plugin();
+  void register_dsp_trace_plugin();
 
   // For tests: the root of the output tree.
   PluginManager& manager() { return plugin_manager; }

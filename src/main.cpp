@@ -24,6 +24,7 @@ void register_plugins(emberline::Emberline& engine, const emberline::Settings& s
     engine.register_power_plugin(PowerPath::BATTERY, s.use_window, s.window, s.exp_smooth);
   }
   if (s.credits || s.all) engine.register_credits_plugin();
+  if (s.dsp_trace || s.all) engine.register_dsp_trace_plugin();
   if (s.example || s.all) engine.register_example_plugin();
 }
 
