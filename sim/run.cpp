@@ -20,6 +20,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "dsp_agent.h"
 #include "model.h"
 #include "profile.h"
 #include "sandbox.h"
@@ -201,6 +202,8 @@ int run(const RunOptions& options) {
   if (!options.frozen) live.emplace(*profile, state);
   std::optional<LiveThreads> threads;
   if (!options.frozen) threads.emplace(profile->model.threads, model.state().threads, state);
+  std::optional<DspAgent> dsp;
+  if (!options.frozen) dsp.emplace(state + kDspFifo, options.seed);
   WriteRecorder recorder(*profile, state);
 
   int pair[2];
@@ -281,6 +284,7 @@ int run(const RunOptions& options) {
         for (std::uint64_t i = 0; i < std::min(expired, kMaxCatchUpSteps); ++i) model.step();
         live->render(model.state());
         threads->update(model.state().threads);
+        dsp->set_load(model.state().load);
       }
     }
   }
