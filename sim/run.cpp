@@ -21,6 +21,7 @@
 #include <system_error>
 
 #include "device_log.h"
+#include "dsp_agent.h"
 #include "model.h"
 #include "profile.h"
 #include "sandbox.h"
@@ -189,6 +190,8 @@ int run(const RunOptions& options) {
   if (!options.frozen) log.emplace(state);
   std::optional<LiveThreads> threads;
   if (!options.frozen) threads.emplace(profile->model.threads, model.state().threads, state);
+  std::optional<DspAgent> dsp;
+  if (!options.frozen) dsp.emplace(state + kDspFifo, options.seed);
   WriteRecorder recorder(*profile, state);
 
   int pair[2];
@@ -270,6 +273,7 @@ int run(const RunOptions& options) {
         live->render(model.state());
         log->write(model.state().log);
         threads->update(model.state().threads);
+        dsp->set_load(model.state().load);
       }
     }
   }

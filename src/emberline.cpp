@@ -13,6 +13,7 @@
 #include "crash_restore.h"
 #include "plugins/charge_plugin.h"
 #include "plugins/cpu_credits_plugin.h"
+#include "plugins/dsp_trace_plugin.h"
 #include "plugins/example_plugin.h"
 #include "plugins/file_plugin.h"
 #include "plugins/logcat_dsp_plugin.h"
@@ -216,6 +217,12 @@ void Emberline::register_credits_plugin() {
   plugin_manager.add_plugin(
       "credits", std::make_shared<CpuCreditsPlugin>(),
       PluginManager::PluginFieldOptions("CPU credit usage per process", "Credits", false));
+}
+
+void Emberline::register_dsp_trace_plugin() {
+  plugin_manager.add_plugin(
+      "dsp_trace", std::make_shared<DspTracePlugin>(),
+      PluginManager::PluginFieldOptions("DSP tracing data", "DSP Tracing", false));
 }
 
 void Emberline::register_charge_plugin() {

@@ -113,6 +113,7 @@ class Emberline {
   void register_quillon_rails_plugin();
   void register_quillon_dram_bw_plugin(unsigned int ms);
   void register_credits_plugin();
+  void register_dsp_trace_plugin();
 
   // For tests: the root of the output tree.
   PluginManager& manager() { return plugin_manager; }

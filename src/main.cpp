@@ -32,6 +32,7 @@ void register_plugins(emberline::Emberline& engine, const emberline::Settings& s
   if (s.ravelin || s.all) engine.register_ravelin_plugin();
   if (s.thermals || s.all) engine.register_thermals_plugin();
   if (s.dsp || s.all) engine.register_dsp_plugin();
+  if (s.dsp_trace || s.all) engine.register_dsp_trace_plugin();
   if (!s.tail.empty()) engine.register_tail_plugin(s.tail);
   if (emberline::is_brantley && (s.brantley_rails || s.all)) {
     engine.register_brantley_rails_plugin();

@@ -1,0 +1,151 @@
+// --dsp-trace in a frozen headset, the test standing in for the DSP: it writes crafted blocks into
+// the FIFO the tool makes, and reads back the report, the trace and what is left on disk.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <thread>
+
+#include "harness.h"
+#include "platform/counter/cntvct.h"
+#include "plugins/dsp_trace_plugin.h"
+#include "unit/slice_events.h"
+
+namespace {
+
+using emberline::DspTracePlugin;
+using Entry = DspTracePlugin::DspLogEntry;
+constexpr const char* kFifo = "/data/misc/dsp/HexagonTelemetrySharedFIFO";
+
+void clear_tmp() {
+  for (const auto& entry : std::filesystem::directory_iterator("/data/local/tmp")) {
+    std::filesystem::remove(entry.path());
+  }
+}
+
+std::string only_trace_file() {
+  std::vector<std::string> found;
+  for (const auto& entry : std::filesystem::directory_iterator("/data/local/tmp")) {
+    if (entry.path().extension() == ".perfetto-trace") found.push_back(entry.path());
+  }
+  return found.size() == 1 ? found[0] : "";
+}
+
+// Runs the tool while writing `block` into its FIFO as soon as the tool holds it open.
+e2e::Result run_with_block(const std::vector<std::string>& args, const std::vector<Entry>& records,
+                           bool wait_for_session = false, const e2e::Options& options = {}) {
+  e2e::Result result;
+  std::thread tool([&] { result = e2e::run(args, options); });
+  if (!records.empty()) {
+    // The run's session starts after the plugin has made the FIFO, and slices written before
+    // it are only counted. Its file gets its first packet a few instructions before the session
+    // records; the pause covers those.
+    while (wait_for_session &&
+           (only_trace_file().empty() || std::filesystem::file_size(only_trace_file()) == 0)) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    if (wait_for_session) std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    Entry block[DspTracePlugin::kEntriesPerBlock] = {};
+    std::copy(records.begin(), records.end(), block);
+    int fd = -1;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (fd < 0 && std::chrono::steady_clock::now() < deadline) {
+      // Fails until the FIFO exists and the tool holds it open.
+      fd = ::open(kFifo, O_WRONLY | O_NONBLOCK);
+      if (fd < 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(::write(fd, block, sizeof block), static_cast<ssize_t>(sizeof block));
+    ::close(fd);
+  }
+  tool.join();
+  return result;
+}
+
+TEST(DspTrace, BlocksBecomeReportedSlicesAndTheFifoGoesAway) {
+  clear_tmp();
+  ASSERT_FALSE(std::filesystem::exists(kFifo));
+  const std::uint64_t now = emberline::platform::cntvct_to_us(emberline::platform::read_cntvct());
+  const std::vector<Entry> records{
+      {"conv", 11, now, now + 2500, 0, 0x1'0000'0040, {}, {30}, 7, 0},
+      {"dma", 22, now + 100, now + 300, 0, 5, {}, {-8}, 12, 0},
+      {"conv", 11, now + 3000, now + 4500, 0, 7, {}, {}, 7, 0},
+  };
+  auto result = run_with_block({"--no-power", "--dsp-trace", "--json", "-t", "2"}, records, true);
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_FALSE(std::filesystem::exists(kFifo));
+  EXPECT_EQ(result.err.find("Failed to create dsp"), std::string::npos) << result.err;
+
+  // One block, handled at once: all of it in one report, nothing in the others.
+  const std::string full = R"("dsp_trace":{"time_slice_map":{"conv":2,"dma":0.2},"num_slices":3})";
+  const std::string empty = R"("dsp_trace":{"time_slice_map":null,"num_slices":0})";
+  int full_reports = 0;
+  for (const std::string& line : e2e::lines(result.out)) {
+    full_reports += line.find(full) != std::string::npos;
+    EXPECT_TRUE(line.find(full) != std::string::npos || line.find(empty) != std::string::npos);
+  }
+  EXPECT_EQ(full_reports, 1) << result.out;
+
+  const std::string path = only_trace_file();
+  ASSERT_NE(path, "");
+  const std::string none = " dsp_hmx=0 dsp_pkts=0 dsp_hvx_pkt=0";
+  EXPECT_EQ(trace_test::slice_events(trace_test::read_trace(path)),
+            (std::vector<std::string>{
+                "B DSP_THREAD 7 +0 conv dsp_cycle=64 dsp_udma=30" + none,
+                "E DSP_THREAD 7 +2500000 dsp_cycle=64 dsp_udma=30" + none,
+                "B DSP_THREAD 12 +100000 dma dsp_cycle=5 dsp_udma=-8" + none,
+                "E DSP_THREAD 12 +300000 dsp_cycle=5 dsp_udma=-8" + none,
+                "B DSP_THREAD 7 +3000000 conv dsp_cycle=7 dsp_udma=0" + none,
+                "E DSP_THREAD 7 +4500000 dsp_cycle=7 dsp_udma=0" + none,
+            }));
+}
+
+// Set-up failures are reported and survived; a FIFO left by a killed run serves; and the FIFO
+// goes on every way out, a fatal signal (which runs no destructor) included.
+TEST(DspTrace, WaysInAndOut) {
+  struct Case {
+    const char* what;
+    void (*prepare)();
+    std::vector<Entry> records;
+    int signal;
+    std::string err, out;
+  } cases[] = {
+      {"left over",
+       [] { ::mkfifo(kFifo, 0666); },
+       {{"left", 1, 0, 1000, 0, 0, {}, {}, 3, 0}},
+       0,
+       "Failed to create dsp trace pipe: File exists\n",
+       R"("num_slices":1)"},
+      {"no directory",
+       [] { std::filesystem::remove_all("/data/misc"); },
+       {},
+       0,
+       "Failed to create dsp data directory: No such file or directory\n"
+       "Failed to set SELinux context on dsp data directory\n"
+       "Failed to create dsp trace pipe: No such file or directory\n",
+       R"("dsp_trace":{"time_slice_map":null,"num_slices":0})"},
+      {"SIGTERM", [] {}, {}, SIGTERM, "", ""},
+      {"SIGSEGV", [] {}, {}, SIGSEGV, "", ""},
+  };
+  for (const Case& c : cases) {
+    clear_tmp();
+    c.prepare();
+    e2e::Options options;
+    options.signal_after_start = c.signal;
+    auto result = run_with_block({"--no-power", "--dsp-trace", "--json", "-t", "1"}, c.records,
+                                 false, options);
+    std::filesystem::create_directories("/data/misc/dsp");
+    EXPECT_NE(result.err.find(c.err), std::string::npos) << c.what << result.err;
+    EXPECT_NE(result.out.find(c.out), std::string::npos) << c.what << result.out;
+    EXPECT_FALSE(std::filesystem::exists(kFifo)) << c.what;
+    std::filesystem::remove(kFifo);
+  }
+}
+
+}  // namespace
