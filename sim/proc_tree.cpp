@@ -23,9 +23,9 @@ constexpr double kTicksPerSecond = 100.0;
 // The headset has been up for an hour when the sim starts.
 constexpr double kUptimeSeconds = 3600.0;
 // Worker threads that fill a tree up take little, so that thousands of them fit on eight CPUs.
-constexpr ThreadSpec kWorker{"", 0.0002, 0.0008, false};
+constexpr ThreadTraits kWorker{"", 0.0002, 0.0008, false};
 
-ProcessSpec process(int pid, std::string cmdline, std::vector<ThreadSpec> threads,
+ProcessSpec process(int pid, std::string cmdline, std::vector<ThreadTraits> threads,
                     std::string transient_prefix = {}) {
   return {pid, std::move(cmdline), std::move(threads), std::move(transient_prefix)};
 }
@@ -129,11 +129,12 @@ std::pair<std::size_t, std::size_t> cluster_span(const ProcTreeParams& params, b
   return {begin, params.clusters[index].freqs_khz.size()};
 }
 
-ThreadState start_thread(const ProcTreeParams& params, int pid, int tid, ThreadSpec spec) {
-  ThreadState t{pid, tid, std::move(spec), std::vector<double>(frequencies(params)), 0, 0};
+ThreadState start_thread(const ProcTreeParams& params, int pid, int tid, ThreadTraits traits) {
+  ThreadState t{pid, tid, std::move(traits), std::vector<double>(frequencies(params)), 0, 0};
   // An hour of history, mostly at the cluster's lower frequencies.
-  auto [begin, count] = cluster_span(params, t.spec.big);
-  double total = (t.spec.idle_share + 0.3 * t.spec.busy_share) * kUptimeSeconds * kTicksPerSecond;
+  auto [begin, count] = cluster_span(params, t.traits.big);
+  double total =
+      (t.traits.idle_share + 0.3 * t.traits.busy_share) * kUptimeSeconds * kTicksPerSecond;
   double weight = 0.5;
   for (std::size_t f = 0; f < count; ++f, weight /= 2) {
     t.ticks[begin + f] = std::floor(total * (f + 1 == count ? weight * 2 : weight));
@@ -197,7 +198,7 @@ ProcTreeState initial_proc_tree(const ProcTreeParams& params, std::uint64_t seed
        ++i) {
     std::size_t p = i % params.processes.size();
     const ProcessSpec& process = params.processes[p];
-    ThreadSpec worker = kWorker;
+    ThreadTraits worker = kWorker;
     worker.comm = "binder:" + std::to_string(process.pid) + "_" + std::to_string(10 + pool[p]++);
     state.threads.push_back(start_thread(params, process.pid, state.next_tid++, worker));
   }
@@ -216,10 +217,10 @@ void step_proc_tree(const ProcTreeParams& params, ProcTreeState& state, double l
   }
   if (!spawners.empty() && uniform(state.rng, 0, 1) < params.transient_per_s * seconds) {
     const ProcessSpec& p = *spawners[state.rng() % spawners.size()];
-    ThreadSpec spec{p.transient_prefix + std::to_string(++state.started), 0.0,
-                    uniform(state.rng, 0.05, 0.4), uniform(state.rng, 0, 1) < 0.5};
+    ThreadTraits traits{p.transient_prefix + std::to_string(++state.started), 0.0,
+                        uniform(state.rng, 0.05, 0.4), uniform(state.rng, 0, 1) < 0.5};
     ThreadState t{
-        p.pid, state.next_tid++, std::move(spec), std::vector<double>(frequencies(params)), 0, 0};
+        p.pid, state.next_tid++, std::move(traits), std::vector<double>(frequencies(params)), 0, 0};
     double lifetime = uniform(state.rng, params.transient_min_s, params.transient_max_s);
     t.end_step = state.step + std::max<std::uint64_t>(1, std::llround(lifetime / seconds));
     state.threads.push_back(std::move(t));
@@ -227,9 +228,9 @@ void step_proc_tree(const ProcTreeParams& params, ProcTreeState& state, double l
 
   // Each cluster's frequency follows the load, as the governor's would.
   for (ThreadState& t : state.threads) {
-    auto [begin, count] = cluster_span(params, t.spec.big);
+    auto [begin, count] = cluster_span(params, t.traits.big);
     std::size_t f = begin + static_cast<std::size_t>(std::lround(load * (count - 1)));
-    double share = std::clamp(t.spec.idle_share + load * t.spec.busy_share, 0.0, 1.0);
+    double share = std::clamp(t.traits.idle_share + load * t.traits.busy_share, 0.0, 1.0);
     double before = std::floor(t.ticks[f]);
     t.ticks[f] += share * seconds * kTicksPerSecond;
     if (std::floor(t.ticks[f]) != before) ++t.version;
@@ -241,7 +242,7 @@ void add_proc_tree(Profile& profile) {
   const ProcTreeParams& params = profile.model.threads;
   for (const ThreadState& t : initial_proc_tree(params, 0).threads) {
     std::string dir = thread_dir(t.pid, t.tid);
-    profile.nodes.push_back({dir + "/comm", t.spec.comm + "\n", {}, Recording::none});
+    profile.nodes.push_back({dir + "/comm", t.traits.comm + "\n", {}, Recording::none});
     profile.nodes.push_back(
         {dir + "/cmdline", find_process(params, t.pid)->cmdline, {}, Recording::none});
     profile.nodes.push_back(
@@ -273,7 +274,7 @@ void LiveThreads::update(const ProcTreeState& tree) {
     if (inserted) {
       std::string building = task + ".new-" + std::to_string(t.tid);
       make_dirs(building);
-      write_whole(building + "/comm", t.spec.comm + "\n");
+      write_whole(building + "/comm", t.traits.comm + "\n");
       write_whole(building + "/cmdline", find_process(params_, t.pid)->cmdline);
       write_whole(building + "/time_in_state", time_in_state(params_, t));
       ::rename(building.c_str(), (task + std::to_string(t.tid)).c_str());

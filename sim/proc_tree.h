@@ -10,7 +10,7 @@ namespace emberline::sim {
 
 // A thread as the headset's userspace has it: its name and how much of one CPU it takes when
 // the headset is idle and, on top, at full load.
-struct ThreadSpec {
+struct ThreadTraits {
   std::string comm;
   double idle_share = 0.0;
   double busy_share = 0.0;
@@ -20,7 +20,7 @@ struct ThreadSpec {
 struct ProcessSpec {
   int pid;
   std::string cmdline;  // NUL-separated arguments, as the kernel shows them
-  std::vector<ThreadSpec> threads;
+  std::vector<ThreadTraits> threads;
   std::string transient_prefix;  // empty: starts no short-lived threads
 };
 
@@ -44,7 +44,7 @@ struct ProcTreeParams {
 struct ThreadState {
   int pid;
   int tid;
-  ThreadSpec spec;
+  ThreadTraits traits;
   std::vector<double> ticks;   // per cluster and frequency, in the kernel's 10 ms ticks
   std::uint64_t end_step = 0;  // 0: lives as long as the headset
   std::uint64_t version = 0;   // changes whenever a whole tick count does

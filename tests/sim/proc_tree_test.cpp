@@ -21,7 +21,7 @@ namespace fs = std::filesystem;
 double total_ticks(const ProcTreeState& tree, bool big) {
   double sum = 0;
   for (const ThreadState& t : tree.threads) {
-    if (t.spec.big == big && t.end_step == 0) {
+    if (t.traits.big == big && t.end_step == 0) {
       for (double ticks : t.ticks) sum += ticks;
     }
   }
@@ -45,9 +45,9 @@ TEST(ProcTree, CountersGrowWithLoadAtTheClustersFrequency) {
     grown_before = grown;
     for (std::size_t i = 0; i < tree.threads.size() && i < start.threads.size(); ++i) {
       const ThreadState& t = tree.threads[i];
-      if (!t.spec.big || t.end_step != 0 || t.tid != start.threads[i].tid) continue;
+      if (!t.traits.big || t.end_step != 0 || t.tid != start.threads[i].tid) continue;
       for (std::size_t f = 0; f < t.ticks.size(); ++f) {
-        EXPECT_EQ(t.ticks[f] > start.threads[i].ticks[f], f == 5 + c.big_freq) << t.spec.comm;
+        EXPECT_EQ(t.ticks[f] > start.threads[i].ticks[f], f == 5 + c.big_freq) << t.traits.comm;
       }
     }
   }
