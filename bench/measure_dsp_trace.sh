@@ -11,7 +11,7 @@ ticks() { awk '{print $14 + $15}' "$1"; }
 
 case "${2-}" in
   --flood-inside)
-    "$B/src/emberline" --no-power --dsp-trace -p -q -t 14 &
+    "$B/emberline" --no-power --dsp-trace -p -q -t 14 &
     tool=$!
     echo -n "tool, tracing on:  "
     "$B/bench/dsp_fifo_flood" "$fifo" 8
@@ -19,7 +19,7 @@ case "${2-}" in
     exit 0
     ;;
   --cpu-inside)
-    "$B/src/emberline" --no-power --dsp-trace --json -t 22 >/data/local/tmp/reports.json 2>/dev/null &
+    "$B/emberline" --no-power --dsp-trace --json -t 22 >/data/local/tmp/reports.json 2>/dev/null &
     tool=$!
     sleep 1
     worker=$(dirname "$(grep -l DspTraceProcess /proc/$tool/task/*/comm | head -1)")

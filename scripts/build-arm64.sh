@@ -39,9 +39,9 @@ cmake -S "$root" -B "$dir" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/aarch64-linux-gnu
 cmake --build "$dir" -j "$(nproc)"
 
 # The tool runs as cmake/aarch64-linux-gnu.cmake runs the tests.
-tool=(qemu-aarch64 -L / -E LD_LIBRARY_PATH=/usr/lib/aarch64-linux-gnu/android "$dir/src/emberline")
-if ! readelf -h "$dir/src/emberline" | grep -q 'AArch64'; then
-  echo "$dir/src/emberline is not an arm64 binary" >&2
+tool=(qemu-aarch64 -L / -E LD_LIBRARY_PATH=/usr/lib/aarch64-linux-gnu/android "$dir/emberline")
+if ! readelf -h "$dir/emberline" | grep -q 'AArch64'; then
+  echo "$dir/emberline is not an arm64 binary" >&2
   exit 1
 fi
 
