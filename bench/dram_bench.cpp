@@ -4,31 +4,11 @@
 
 #include <benchmark/benchmark.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <fstream>
-#include <new>
 #include <string>
 
 #include "plugins/quillon_dram_bandwidth_plugin.h"
-
-namespace {
-std::atomic<long> allocations{0};
-}  // namespace
-
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-
-void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-  throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept {
-  std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-  std::free(p);
-}
+#include "support/heap_counter.h"
 
 namespace emberline {
 namespace {
@@ -51,10 +31,11 @@ void BM_DramSample(benchmark::State& state) {
     return;
   }
   plugin.on_sample();
-  const long before = allocations.load();
+  const long before = heap_counter::allocations.load();
   for (auto _ : state) benchmark::DoNotOptimize(plugin.on_sample());
-  state.counters["allocations_per_tick"] = benchmark::Counter(
-      static_cast<double>(allocations.load() - before) / static_cast<double>(state.iterations()));
+  state.counters["allocations_per_tick"] =
+      benchmark::Counter(static_cast<double>(heap_counter::allocations.load() - before) /
+                         static_cast<double>(state.iterations()));
 }
 BENCHMARK(BM_DramSample)->Arg(10)->Arg(100)->Arg(1000);
 

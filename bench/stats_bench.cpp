@@ -5,27 +5,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
-
 #include "plugins/stats_plugin.h"
-
-namespace {
-std::atomic<long> allocations{0};
-}  // namespace
-
-void* operator new(std::size_t size) {
-  allocations.fetch_add(1, std::memory_order_relaxed);
-  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-  throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept {
-  std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-  std::free(p);
-}
+#include "support/heap_counter.h"
 
 namespace emberline {
 namespace {
@@ -37,10 +18,11 @@ void BM_StatsOutput(benchmark::State& state) {
     state.SkipWithError("/proc/stat or cpufreq missing: run inside emberline-sim");
     return;
   }
-  long before = allocations.load();
+  long before = heap_counter::allocations.load();
   for (auto _ : state) benchmark::DoNotOptimize(plugin.on_output());
-  state.counters["allocs_per_output"] = benchmark::Counter(
-      static_cast<double>(allocations.load() - before) / static_cast<double>(state.iterations()));
+  state.counters["allocs_per_output"] =
+      benchmark::Counter(static_cast<double>(heap_counter::allocations.load() - before) /
+                         static_cast<double>(state.iterations()));
 }
 BENCHMARK(BM_StatsOutput)->Arg(0)->Arg(1);
 

@@ -22,25 +22,8 @@ const char* const kNodes[] = {
     "/sys/class/power_supply/wireless/input_suspend",
 };
 
-// "PATH OFFSET HEX" of each write recorded after the first `skip`, without its time. The sim
-// logs a write a moment after it was made, so this waits (boundedly) for `count` of them.
-std::vector<std::string> recorded_writes(std::size_t skip, std::size_t count) {
-  const std::string log = std::string(std::getenv("EMBERLINE_SIM_STATE")) + "/writes.log";
-  std::vector<std::string> writes;
-  for (int attempt = 0; attempt < 500; ++attempt) {
-    writes.clear();
-    auto all = e2e::lines(e2e::read_file(log));
-    for (std::size_t i = skip; i < all.size(); ++i) {
-      writes.push_back(all[i].substr(all[i].find(' ') + 1));
-    }
-    if (writes.size() >= count) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return writes;
-}
-
 std::size_t writes_so_far() {
-  return recorded_writes(0, 0).size();
+  return e2e::recorded_writes(0).size();
 }
 
 // Every node suspended, then every node given back, once each.
@@ -63,7 +46,7 @@ TEST(Charging, SuspendedForTheRunAndResumedAfterIt) {
 
   auto result = e2e::run({"--no-power", "-t", "1"});
   EXPECT_EQ(result.exit_code, 0);
-  EXPECT_EQ(recorded_writes(0, 8), suspended_then_resumed());
+  EXPECT_EQ(e2e::recorded_writes(8), suspended_then_resumed());
 }
 
 TEST(Charging, ABrokenPipeEndsTheRunLikeSigterm) {
@@ -76,7 +59,7 @@ TEST(Charging, ABrokenPipeEndsTheRunLikeSigterm) {
   EXPECT_EQ(result.err,
             "Disabling charging...\nStarting trace. \nPress CTRL-C to stop...\n\n\n"
             "Enabling charging...\n");
-  EXPECT_EQ(recorded_writes(before, 8), suspended_then_resumed());
+  EXPECT_EQ(e2e::recorded_writes(8, before), suspended_then_resumed());
 }
 
 // SIGKILL runs no handler: the guard process the run left behind gives charging back.
@@ -90,7 +73,7 @@ TEST(Charging, FatalSignalsGiveChargingBackAndStillEndTheProcess) {
     auto result = e2e::run({"--no-power", "--example"}, options);
     EXPECT_EQ(result.signal, signal);
     EXPECT_EQ(result.err.find("Enabling charging..."), std::string::npos);
-    EXPECT_EQ(recorded_writes(before, 8), suspended_then_resumed());
+    EXPECT_EQ(e2e::recorded_writes(8, before), suspended_then_resumed());
   }
 }
 
@@ -107,7 +90,7 @@ TEST(Charging, GivenBackWhenAPluginFailsMidRun) {
     explicit Instant(std::size_t before) : before(before) {}
     std::int64_t now_us() override { return now; }
     void sleep_for(std::chrono::nanoseconds d) override {
-      if (d >= std::chrono::seconds(1)) recorded_writes(before, 4);
+      if (d >= std::chrono::seconds(1)) e2e::recorded_writes(4, before);
       now += d.count() / 1000;
     }
     std::size_t before;
@@ -128,7 +111,7 @@ TEST(Charging, GivenBackWhenAPluginFailsMidRun) {
               "ERROR: Output update failed for plugin 'failing'\n");
   }
   emberline::crash_restore::dismiss_exit_guard();
-  EXPECT_EQ(recorded_writes(before, 8), suspended_then_resumed());
+  EXPECT_EQ(e2e::recorded_writes(8, before), suspended_then_resumed());
 }
 
 TEST(Charging, NodeThatRefusesWritingIsNamedOnceAndSkipped) {
@@ -142,7 +125,7 @@ TEST(Charging, NodeThatRefusesWritingIsNamedOnceAndSkipped) {
   ASSERT_EQ(result.exit_code, 0);
   EXPECT_EQ(e2e::lines(result.err)[0], "Permission denied for " + std::string(kNodes[2]));
   EXPECT_EQ(result.err.find("Permission denied", 1), std::string::npos);
-  auto writes = recorded_writes(before, 6);
+  auto writes = e2e::recorded_writes(6, before);
   EXPECT_EQ(writes.size(), 6u);
   for (const auto& write : writes) EXPECT_EQ(write.find(kNodes[2]), std::string::npos);
 }

@@ -1,44 +1,23 @@
 // The DRAM bandwidth plugin against the simulated monitor driver: what it sets, what it puts back
 // on each way out, and what a sample tick costs.
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
-#include <new>
 #include <thread>
 
 #include "crash_restore.h"
 #include "harness.h"
 #include "plugins/quillon_dram_bandwidth_plugin.h"
+#include "support/heap_counter.h"
 #include "unit/trace_fixture.h"
-
-namespace {
-std::atomic<long> allocations{0};
-}  // namespace
-
-// These replace the global pair, so malloc and free do match; GCC cannot see that.
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-
-void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-  throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept {
-  std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-  std::free(p);
-}
 
 namespace {
 
@@ -50,27 +29,13 @@ std::string monitor(int m, const char* node) {
   return kRoot + "bwmon" + std::to_string(m) + "/" + node;
 }
 
-// "PATH HEX" of each recorded write into the driver's nodes, waiting (boundedly) for `count`.
 std::vector<std::string> driver_writes(std::size_t count) {
-  const std::string log = std::string(std::getenv("EMBERLINE_SIM_STATE")) + "/writes.log";
-  std::vector<std::string> writes;
-  for (int attempt = 0; attempt < 500; ++attempt) {
-    writes.clear();
-    for (const auto& line : e2e::lines(e2e::read_file(log))) {
-      std::string rest = line.substr(line.find(' ') + 1);
-      if (rest.rfind(kRoot, 0) != 0) continue;
-      std::size_t offset = rest.find(' ');
-      writes.push_back(rest.substr(0, offset) + rest.substr(rest.find(' ', offset + 1)));
-    }
-    if (writes.size() >= count) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return writes;
+  return e2e::recorded_writes(count, 0, kRoot);
 }
 
 std::vector<std::string> writes_of(std::initializer_list<std::pair<std::string, std::string>> w) {
   std::vector<std::string> result;
-  for (const auto& [path, hex] : w) result.push_back(path + " " + hex);
+  for (const auto& [path, hex] : w) result.push_back(path + " 0 " + hex);
   return result;
 }
 
@@ -174,24 +139,10 @@ TEST(DramBandwidth, ARunEndedBySignalPutsTheNodesBack) {
       stop);
   EXPECT_EQ(result.exit_code, 0) << result.err;
   EXPECT_EQ(e2e::read_file(kRoot + "sample_ms"), "100\n");
-  EXPECT_EQ(driver_writes(8).front(), kRoot + "sample_ms 33");
+  EXPECT_EQ(driver_writes(8).front(), kRoot + "sample_ms 0 33");
   EXPECT_EQ(driver_writes(8).size(), 8u);
   for (int m = 0; m < 3; ++m) EXPECT_EQ(e2e::read_file(monitor(m, "mon_enabled")), "0");
 }
-
-int open_descriptors() {
-  int count = 0;
-  DIR* dir = opendir("/proc/self/fd");
-  while (readdir(dir) != nullptr) ++count;
-  closedir(dir);
-  return count;
-}
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kHeapCountsReliable = false;
-#else
-constexpr bool kHeapCountsReliable = true;
-#endif
 
 TEST(DramBandwidth, ASampleTickNeitherAllocatesNorOpens) {
   lay_out_monitors();
@@ -201,12 +152,12 @@ TEST(DramBandwidth, ASampleTickNeitherAllocatesNorOpens) {
   QuillonDRAMBandwidthPlugin plugin(1);
   ASSERT_TRUE(plugin.init());
   ASSERT_TRUE(plugin.on_sample());
-  const int descriptors = open_descriptors();
-  const long news = allocations.load();
+  const int descriptors = heap_counter::open_descriptors();
+  const long news = heap_counter::allocations.load();
   for (int tick = 0; tick < 2000; ++tick) ASSERT_TRUE(plugin.on_sample());
-  EXPECT_EQ(open_descriptors(), descriptors);
-  if (kHeapCountsReliable) {
-    EXPECT_EQ(allocations.load(), news);
+  EXPECT_EQ(heap_counter::open_descriptors(), descriptors);
+  if (heap_counter::kReliable) {
+    EXPECT_EQ(heap_counter::allocations.load(), news);
   }
 }
 

@@ -9,9 +9,12 @@
 #include <sys/syscall.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/process.h"
@@ -109,6 +112,26 @@ inline std::string round_seconds(const std::string& text) {
   }
   out.append(last, text.cend());
   return out;
+}
+
+// "PATH OFFSET HEX" of each write the headset recorded into nodes under `prefix`, without its
+// time, from the `skip`th on. The sim logs a write a moment after it was made, so this waits
+// (boundedly) for `count` of them.
+inline std::vector<std::string> recorded_writes(std::size_t count, std::size_t skip = 0,
+                                                const std::string& prefix = "/") {
+  const std::string log = std::string(std::getenv("EMBERLINE_SIM_STATE")) + "/writes.log";
+  std::vector<std::string> writes;
+  for (int attempt = 0; attempt < 500; ++attempt) {
+    writes.clear();
+    auto all = lines(read_file(log));
+    for (std::size_t i = skip; i < all.size(); ++i) {
+      std::string write = all[i].substr(all[i].find(' ') + 1);
+      if (write.starts_with(prefix)) writes.push_back(write);
+    }
+    if (writes.size() >= count) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return writes;
 }
 
 }  // namespace e2e

@@ -24,11 +24,6 @@ TEST(Power, ReadingsBecomeWattsAmpsAndVolts) {
     std::vector<std::string> extra;
     std::string line;
   } cases[] = {
-      {1500000,
-       4000000,
-       {},
-       "[Power (BATTERY)] raw: 6.000W | current: 1.500A | voltage: 4.000V | smooth: 6.000W | "
-       "smooth_stdev: 0.000W"},
       {-500000,
        4000000,
        {},

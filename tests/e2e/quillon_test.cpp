@@ -127,24 +127,11 @@ TEST(QuillonRails, RailsBeyondTheFileTableAreLeftOut) {
 
 TEST(Quillon, AllCoversTheInstrumentedHardwareInEveryFormat) {
   e2e::write_file("/sys/devices/system/cpu/bw_prof/bwmon2/last_sample", "1\t400\t800\t547\n");
-  struct Case {
-    const char* format;
-    std::vector<std::string> expected;
-  } cases[] = {
-      {"--inline", {"Charge=(", "Quillon Rails=(", "Quillon DRAM=(", "total_bw_mbps=1024"}},
-      {"--json", {"\"charge\":{", "\"quillon_rails\":{", "\"total_bw_mbps\":1024"}},
-      {"--csv", {"charge.Bat Capacity", "quillon_rails.", "quillon_dram.total_bw_mbps"}},
-  };
-  for (const auto& c : cases) {
-    auto result = e2e::run({"--no-power", "--all", "-t", "1", c.format});
-    EXPECT_EQ(result.exit_code, 0) << c.format << result.err;
-    for (const auto& text : c.expected) {
-      EXPECT_NE(result.out.find(text), std::string::npos) << c.format << ": " << text;
-    }
-  }
-  auto text = e2e::run({"--no-power", "--all", "-t", "1"});
-  for (const char* header : {"[Charge] ", "[Quillon Rails] ", "[Quillon DRAM] ", "[Example] "}) {
-    EXPECT_NE(section(text.out, header), "") << header;
+  auto result = e2e::run({"--no-power", "--all", "-t", "1", "--json"});
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  for (const char* key :
+       {"\"charge\":{", "\"quillon_rails\":{", "\"total_bw_mbps\":1024", "\"example\":{"}) {
+    EXPECT_NE(result.out.find(key), std::string::npos) << key;
   }
 }
 

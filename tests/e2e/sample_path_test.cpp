@@ -1,54 +1,21 @@
 // The sample path of the power plugins, in-process against the simulated supply files: many
 // ticks must neither allocate nor open anything.
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <functional>
-#include <new>
 
 #include "harness.h"
 #include "plugins/power_plugin.h"
-
-namespace {
-std::atomic<long> allocations{0};
-}  // namespace
-
-// These replace the global pair, so malloc and free do match; GCC cannot see that.
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-
-void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-  throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept {
-  std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-  std::free(p);
-}
+#include "support/heap_counter.h"
 
 namespace {
 
 constexpr auto kBattery = emberline::PowerPath::BATTERY;
 
-int open_descriptors() {
-  int count = 0;
-  DIR* dir = opendir("/proc/self/fd");
-  while (readdir(dir) != nullptr) ++count;
-  closedir(dir);
-  return count;
-}
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kHeapStatsReliable = false;
-#else
-constexpr bool kHeapStatsReliable = true;
-#endif
+using heap_counter::allocations;
+using heap_counter::open_descriptors;
 
 TEST(SamplePath, PowerPluginsNeitherAllocateNorOpen) {
   e2e::write_file("/sys/class/power_supply/battery/current_now", "1500000\n");
@@ -68,7 +35,7 @@ TEST(SamplePath, PowerPluginsNeitherAllocateNorOpen) {
       plugin->on_output();
     }
     EXPECT_EQ(allocations.load() - news, 0);
-    if (kHeapStatsReliable) {
+    if (heap_counter::kReliable) {
       EXPECT_EQ(mallinfo2().uordblks, heap);
     }
     EXPECT_EQ(open_descriptors(), descriptors);

@@ -94,17 +94,5 @@ TEST(ProcTree, ShortLivedThreadsStartAndEndAndTheFilesFollow) {
   EXPECT_EQ(on_disk(), expected);
 }
 
-TEST(ProcTree, BenchmarkProfilesAreTheGenericTreeCrowded) {
-  for (auto [name, threads] : {std::pair("generic-300", 300u), std::pair("generic-3000", 3000u)}) {
-    const Profile& crowded = *find_profile(name);
-    EXPECT_EQ(initial_proc_tree(crowded.model.threads, 1).threads.size(), threads);
-    std::size_t thread_files = 0;
-    for (const Node& node : crowded.nodes) {
-      thread_files += node.path.starts_with("/proc/") && node.path.ends_with("/time_in_state");
-    }
-    EXPECT_EQ(thread_files, threads);
-  }
-}
-
 }  // namespace
 }  // namespace emberline::sim
