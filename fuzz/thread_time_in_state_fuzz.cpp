@@ -1,7 +1,9 @@
 // A thread's time_in_state under /proc, as the credit model reads it for every thread at every
-// tick.
+// tick: two texts, the thread's file at two snapshots, and the difference the model takes.
 
+#include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <sstream>
 #include <string>
 
@@ -9,16 +11,23 @@
 #include "fuzz_input.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string text(reinterpret_cast<const char*>(data), size);
+  const auto texts = fuzz::pieces(data, size);
+  const std::string& text = texts[0];
   for (bool per_freq : {false, true}) {
-    std::istringstream in(text);
-    ArSysStats::ProcStats stats;
-    ArSysStats::parseTimeInState(in, &stats, per_freq);
-    // Only "cpuN" lines name clusters, so there are never more clusters than such lines, and
-    // both maps see the same ones.
-    fuzz::check(stats.time_per_cluster.size() == stats.cycles_per_cluster.size(),
-                "times and cycles cover the same clusters");
-    fuzz::check(per_freq || stats.time_per_freq.empty(), "frequencies only when asked for");
+    ArSysStats::ProcStats snapshots[2];
+    for (std::size_t s = 0; s < 2; ++s) {
+      std::istringstream in(texts[std::min(s, texts.size() - 1)]);
+      ArSysStats::parseTimeInState(in, &snapshots[s], per_freq);
+      // Both maps see the same clusters: every counted line adds to both.
+      fuzz::check(snapshots[s].time_per_cluster.size() == snapshots[s].cycles_per_cluster.size(),
+                  "times and cycles cover the same clusters");
+      fuzz::check(per_freq || snapshots[s].time_per_freq.empty(),
+                  "frequencies only when asked for");
+    }
+    snapshots[0].pid = 1;
+    const auto delta = ArSysStats::procStatsDelta(snapshots[0], snapshots[1], {});
+    fuzz::check(delta.cycles_per_cluster.size() == snapshots[1].cycles_per_cluster.size(),
+                "a difference for each later cluster");
   }
 
   // What sscanf would store: nothing over a number it cannot read.

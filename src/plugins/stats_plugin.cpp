@@ -413,7 +413,9 @@ bool StatsPlugin::update_busy_and_idle_time() {
 
 bool StatsPlugin::read_time_in_state(std::string_view text, int cluster) {
   if (cluster < 0 || static_cast<std::size_t>(cluster) >= freq_table.size()) return false;
-  const auto [first, last] = clusters[static_cast<std::size_t>(cluster)];
+  // Two variables, not a structured binding: clang before 16 cannot capture one in the lambda.
+  const int first = clusters[static_cast<std::size_t>(cluster)].first;
+  const int last = clusters[static_cast<std::size_t>(cluster)].second;
   const std::size_t size = static_cast<std::size_t>(last - first + 1);
   const std::size_t rows = freq_table[static_cast<std::size_t>(cluster)].size();
   std::size_t j = 0;
