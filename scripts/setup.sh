@@ -9,6 +9,7 @@ packages=(
   bubblewrap
   python3-matplotlib python3-numpy
   sysstat
+  clang libclang-rt-14-dev
 )
 
 # A library may also be installed for another architecture (scripts/build-arm64.sh adds arm64):

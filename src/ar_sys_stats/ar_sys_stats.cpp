@@ -14,6 +14,18 @@ namespace ArSysStats {
 
 namespace {
 
+// A garbled time_in_state can hold numbers whose products, sums or differences pass 64 bits;
+// they wrap as the 64-bit counters themselves would, rather than being undefined.
+long wrapping_add(long a, long b) {
+  return static_cast<long>(static_cast<unsigned long>(a) + static_cast<unsigned long>(b));
+}
+long wrapping_sub(long a, long b) {
+  return static_cast<long>(static_cast<unsigned long>(a) - static_cast<unsigned long>(b));
+}
+long wrapping_mul(long a, long b) {
+  return static_cast<long>(static_cast<unsigned long>(a) * static_cast<unsigned long>(b));
+}
+
 constexpr const char* kProc = "/proc";
 constexpr const char* kTask = "task";
 constexpr const char* kTimeInState = "time_in_state";
@@ -121,8 +133,10 @@ void parseTimeInState(std::istream& in, ProcStats* out, bool per_freq) {
     }
     long freq = 0, time = 0;
     scanTwoLongs(line, &freq, &time);
-    out->time_per_cluster[cluster] += time;
-    out->cycles_per_cluster[cluster] += time * freq;
+    long& cluster_time = out->time_per_cluster[cluster];
+    cluster_time = wrapping_add(cluster_time, time);
+    long& cycles = out->cycles_per_cluster[cluster];
+    cycles = wrapping_add(cycles, wrapping_mul(time, freq));
     if (per_freq) out->time_per_freq[cluster][freq] = time;
   }
 }
@@ -181,13 +195,13 @@ ProcStats procStatsDelta(const ProcStats& earlier, const ProcStats& later, TimeP
     auto before = earlier.cycles_per_cluster.find(cluster);
     delta.cycles_per_cluster.emplace_hint(
         delta.cycles_per_cluster.end(), cluster,
-        before == earlier.cycles_per_cluster.end() ? cycles : cycles - before->second);
+        before == earlier.cycles_per_cluster.end() ? cycles : wrapping_sub(cycles, before->second));
   }
   for (const auto& [cluster, time] : later.time_per_cluster) {
     auto before = earlier.time_per_cluster.find(cluster);
     delta.time_per_cluster.emplace_hint(
         delta.time_per_cluster.end(), cluster,
-        before == earlier.time_per_cluster.end() ? time : time - before->second);
+        before == earlier.time_per_cluster.end() ? time : wrapping_sub(time, before->second));
   }
   for (const auto& [cluster, freqs] : later.time_per_freq) {
     auto before_cluster = earlier.time_per_freq.find(cluster);
@@ -198,7 +212,7 @@ ProcStats procStatsDelta(const ProcStats& earlier, const ProcStats& later, TimeP
         auto f = before_cluster->second.find(freq);
         if (f != before_cluster->second.end()) before = f->second;
       }
-      out[freq] = time - before;
+      out[freq] = wrapping_sub(time, before);
     }
   }
   delta.pid = later.pid;

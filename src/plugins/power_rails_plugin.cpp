@@ -9,6 +9,19 @@ float rail_watts(int first, int second) {
   return (static_cast<float>(first) / 1e6f) * (static_cast<float>(second) / 1e6f);
 }
 
+std::optional<std::pair<std::string, std::string>> parse_available_rail(const std::string& line) {
+  auto pieces = utils::split(line, ':');
+  if (pieces.size() != 2) return std::nullopt;
+  return std::pair{std::move(pieces[0]), std::move(pieces[1])};
+}
+
+std::optional<std::pair<std::string, float>> parse_rail_average(const std::string& line) {
+  auto pieces = utils::split(line, ',');
+  if (pieces.size() != 3) return std::nullopt;
+  return std::pair{std::move(pieces[0]),
+                   rail_watts(std::atoi(pieces[1].c_str()), std::atoi(pieces[2].c_str()))};
+}
+
 PowerRailsPlugin::PowerRailsPlugin()
     : rail_keys{{"VPH_S7S8S9A", "gold"}, {"VPH_S10A", "silver"}, {"VPH_S1S2S3A", "peripherals"},
                 {"VPH_S3C", "soc_ram"},  {"VPH_S1S2C", "gpu"},   {"VPH_S7C", "ram_contr"},
@@ -33,10 +46,9 @@ bool PowerRailsPlugin::init() {
       return false;
     }
     for (std::string line; std::getline(rails, line);) {
-      auto pieces = utils::split(line, ':');
-      if (pieces.size() != 2) continue;
-      const std::string& id = pieces[0];
-      const std::string& rail = pieces[1];
+      const auto pieces = parse_available_rail(line);
+      if (!pieces) continue;
+      const auto& [id, rail] = *pieces;
       rail_names[device][id] = rail;
       auto value = std::make_shared<UnitValue<3, 'W'>>();
       rail_values[device][id] = value;
@@ -60,12 +72,12 @@ bool PowerRailsPlugin::on_output() {
     averages.open(device + "/average_value");
     auto& values = rail_values[device];
     for (std::string line; std::getline(averages, line);) {
-      auto pieces = utils::split(line, ',');
-      if (pieces.size() != 3) continue;
+      const auto average = parse_rail_average(line);
+      if (!average) continue;
       // An id that available_rails did not list has no field to feed.
-      auto value = values.find(pieces[0]);
+      auto value = values.find(average->first);
       if (value == values.end()) continue;
-      value->second->set(rail_watts(std::atoi(pieces[1].c_str()), std::atoi(pieces[2].c_str())));
+      value->second->set(average->second);
     }
   }
   return true;

@@ -3,8 +3,10 @@
 #include <array>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 #include "plugin.h"
 
@@ -12,6 +14,12 @@ namespace emberline {
 
 // Watts of one `average_value` line "<id>,<a>,<b>": both factors are in millionths.
 float rail_watts(int first, int second);
+
+// One line of `available_rails`, "<id>:<rail>"; none for a line of any other shape.
+std::optional<std::pair<std::string, std::string>> parse_available_rail(const std::string& line);
+
+// The id of one `average_value` line and its watts; none for a line of any other shape.
+std::optional<std::pair<std::string, float>> parse_rail_average(const std::string& line);
 
 // Per-rail power of Brantley engineering samples, from their two industrial I/O devices.
 class PowerRailsPlugin : public Plugin {

@@ -52,8 +52,12 @@ void PowerSampler::read_sample() {
   __fpurge(voltage_file);
   std::rewind(current_file);
   std::rewind(voltage_file);
-  [[maybe_unused]] int current_read = std::fscanf(current_file, "%ld", &current_raw);
-  [[maybe_unused]] int voltage_read = std::fscanf(voltage_file, "%ld", &voltage_raw);
+  read_numbers(current_file, voltage_file);
+}
+
+void PowerSampler::read_numbers(FILE* current, FILE* voltage) {
+  [[maybe_unused]] int current_read = std::fscanf(current, "%ld", &current_raw);
+  [[maybe_unused]] int voltage_read = std::fscanf(voltage, "%ld", &voltage_raw);
   power_watts = power_from_raw(current_raw, voltage_raw);
 }
 

@@ -22,6 +22,8 @@ class PowerSampler : public Plugin {
   bool init() override;
   // Rewinds and re-reads both files; a failed read keeps the previous number.
   void read_sample();
+  // The numbers of both streams from where they stand, and the power they make.
+  void read_numbers(FILE* current, FILE* voltage);
 
   long current_raw = 0;
   long voltage_raw = 0;

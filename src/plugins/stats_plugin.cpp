@@ -273,27 +273,32 @@ bool StatsPlugin::is_time_in_state_available() {
       std::cerr << "Failed to open " << path << std::endl;
       return false;
     }
-    std::vector<unsigned long> weights;
-    bool extended = true;
-    for_each_line(file_text, [&](std::string_view text) {
-      if (!extended) return;
-      line.assign(text);
-      get_cpu_stat(line, row);
-      // Two numbers are the kernel's plain format; a row without numbers weighs nothing either.
-      if (row.size() == 2 || row.empty()) {
-        extended = false;
-        return;
-      }
-      weights.push_back(row[0] / tick_rate);
-    });
-    if (!extended || weights.empty()) return false;
-    for (int core = clusters[c].first; core <= clusters[c].second && core < num_cores; ++core) {
-      if (cluster_of(core) != c) continue;
-      total_time[static_cast<std::size_t>(core)].assign(weights.size(), 0);
-      busy_idle[static_cast<std::size_t>(core)].assign(weights.size(), {0, 0});
-    }
-    freq_table.push_back(std::move(weights));
+    if (!add_frequency_weights(file_text, c, tick_rate)) return false;
   }
+  return true;
+}
+
+bool StatsPlugin::add_frequency_weights(std::string_view text, int c, unsigned long tick_rate) {
+  std::vector<unsigned long> weights;
+  bool extended = true;
+  for_each_line(text, [&](std::string_view text_line) {
+    if (!extended) return;
+    line.assign(text_line);
+    get_cpu_stat(line, row);
+    // Two numbers are the kernel's plain format; a row without numbers weighs nothing either.
+    if (row.size() == 2 || row.empty()) {
+      extended = false;
+      return;
+    }
+    weights.push_back(row[0] / tick_rate);
+  });
+  if (!extended || weights.empty()) return false;
+  for (int core = clusters[c].first; core <= clusters[c].second && core < num_cores; ++core) {
+    if (cluster_of(core) != c) continue;
+    total_time[static_cast<std::size_t>(core)].assign(weights.size(), 0);
+    busy_idle[static_cast<std::size_t>(core)].assign(weights.size(), {0, 0});
+  }
+  freq_table.push_back(std::move(weights));
   return true;
 }
 
@@ -408,7 +413,9 @@ bool StatsPlugin::update_busy_and_idle_time() {
 
 bool StatsPlugin::read_time_in_state(std::string_view text, int cluster) {
   if (cluster < 0 || static_cast<std::size_t>(cluster) >= freq_table.size()) return false;
-  const auto [first, last] = clusters[static_cast<std::size_t>(cluster)];
+  // Two variables, not a structured binding: clang before 16 cannot capture one in the lambda.
+  const int first = clusters[static_cast<std::size_t>(cluster)].first;
+  const int last = clusters[static_cast<std::size_t>(cluster)].second;
   const std::size_t size = static_cast<std::size_t>(last - first + 1);
   const std::size_t rows = freq_table[static_cast<std::size_t>(cluster)].size();
   std::size_t j = 0;

@@ -82,6 +82,9 @@ class StatsPlugin : public Plugin {
   StatsPlugin(bool cycle_util, std::string cpufreq_dir);
 
   bool is_time_in_state_available();
+  // The frequency weights of cluster `c` from its time_in_state text at start-up, with the
+  // per-core tables sized to them. False for the kernel's plain two-column format.
+  bool add_frequency_weights(std::string_view text, int c, unsigned long tick_rate);
   void set_cluster_section(std::vector<std::shared_ptr<CpuClusterSection>>& cluster_sections,
                            std::vector<std::shared_ptr<PercentageValue<3>>>& core_values,
                            CpuUtilComputeMethod method);
