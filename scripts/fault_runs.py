@@ -16,7 +16,6 @@ import random
 import re
 import shutil
 import signal
-import stat
 import sys
 import tempfile
 import threading
@@ -110,7 +109,8 @@ class Plan:
             self.detail = {"mix": rng.choice(["partial", "garbage", "both"]),
                            "writes": rng.randint(5, 60)}
         elif self.fault == "disk":
-            self.sink = "file"
+            # Reports every 10 ms fill the small disk within the run whatever the plugins.
+            self.sink, self.sample, self.output = "file", 10, 10
             self.detail = {"on": disk_full_mode}
         elif self.fault == "signal":
             name = rng.choice(sorted(SIGNALS))
