@@ -454,6 +454,13 @@ def send_signal(run, plan, timeout_s):
         pass
 
 
+def power_node_refused(plan):
+    """A node the power plugin opens at its start, gone or unreadable before that."""
+    return (plan.fault == "node" and plan.detail["when"] == "before" and not plan.no_power
+            and plan.detail["kind"] in ("vanish", "unreadable")
+            and plan.detail.get("target") in READS["power"])
+
+
 def judge(plan, run, code, state, initial, outcome):
     err = run.err.decode(errors="replace")
     check = outcome.check
@@ -471,10 +478,7 @@ def judge(plan, run, code, state, initial, outcome):
         check("ERROR: " in err, "exit 1 without an 'ERROR: ' line")
     else:
         check(code == 0, f"exit {code}")
-    if plan.fault == "node" and plan.detail["when"] == "before" and plan.detail["kind"] in (
-            "vanish", "unreadable", "fifo") and "/power_supply/battery/" in plan.detail.get(
-            "target", "") and plan.detail["target"].endswith(("current_now", "voltage_now")) \
-            and not plan.no_power:
+    if power_node_refused(plan):
         path = plan.detail["target"]
         check(code == 1 and f"Failed to open file at '{path}'" in err
               and "ERROR: Failed to initialize plugin 'power'" in err,
