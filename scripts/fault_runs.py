@@ -535,7 +535,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--runs", type=int, default=200)
     parser.add_argument("--seed", type=int, default=None)
-    parser.add_argument("--build", default="build/normal")
+    parser.add_argument("--build", default=simrun.DEFAULT_BUILD)
     parser.add_argument("--only", type=int, default=None, help="replay this run only")
     parser.add_argument("--keep", action="store_true", help="keep each failed run's state dir")
     parser.add_argument("--fifo-stall", action="store_true",

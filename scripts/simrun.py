@@ -10,6 +10,8 @@ import subprocess
 import threading
 import time
 
+DEFAULT_BUILD = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "build", "normal")
+
 # Holds the command until the host has touched $STATE/go; `ready` says the layout is done. The
 # sim ends everything in the sandbox as soon as its command ends, while a headset goes on after the
 # tool: so the gate, as the command, outlives the tool's own exit guard (a process running the

@@ -63,7 +63,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--ticks", type=int, default=1_000_000,
                         help="sample ticks of 10 ms (default 1000000, about 2.8 hours)")
-    parser.add_argument("--build", default="build/normal")
+    parser.add_argument("--build", default=simrun.DEFAULT_BUILD)
     parser.add_argument("--seed", type=int, default=1)
     args = parser.parse_args()
     seconds = max(1, args.ticks * PERIOD_MS // 1000)
