@@ -112,7 +112,6 @@ void write_back_all() {
 }
 
 void start_exit_guard() {
-  if (guard_fd.load() >= 0) return;
   int pipe_fds[2];
   if (::pipe2(pipe_fds, O_CLOEXEC) != 0) return;
   pid_t pid = ::fork();
@@ -122,8 +121,14 @@ void start_exit_guard() {
     ::close(pipe_fds[1]);
     return;
   }
-  guard_pid = pid;
-  guard_fd.store(pipe_fds[1]);
+  // The new guard is in place before the old one goes, so that no moment is left unguarded.
+  const pid_t old_pid = std::exchange(guard_pid, pid);
+  const int old_fd = guard_fd.exchange(pipe_fds[1]);
+  if (old_fd >= 0) {
+    [[maybe_unused]] ssize_t ignored = ::write(old_fd, &kDismissed, 1);
+    ::close(old_fd);
+    ::waitpid(old_pid, nullptr, 0);
+  }
 }
 
 void dismiss_exit_guard() {

@@ -26,7 +26,8 @@ void install_fatal_signal_handlers();
 // SIGKILL, the OOM killer and a watchdog run no handler at all. The exit guard is a small child
 // process, holding the remembered descriptors, that outlives this one: unless dismissed first,
 // it writes every entry it was given when this process ends. It sees the entries remembered
-// before it started. Starting it again while one runs does nothing. It prints nothing.
+// before it started, so whoever remembers one starts it again: the new guard replaces the old
+// one. It prints nothing.
 void start_exit_guard();
 // Tells the guard that every node has been given back; it ends without writing.
 void dismiss_exit_guard();

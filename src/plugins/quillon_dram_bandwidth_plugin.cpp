@@ -296,6 +296,9 @@ void QuillonDRAMBandwidthPlugin::armRestore(const std::string& path, const std::
     return;
   }
   restores.push_back({path, fd, slot});
+  // The node is changed at init, long before the engine starts a guard for charging, and
+  // with --continue-charging it starts none.
+  crash_restore::start_exit_guard();
 }
 
 bool QuillonDRAMBandwidthPlugin::configureSampling(const std::string& text) {

@@ -1,0 +1,571 @@
+"""Randomised runs of the real tool in the simulated headset, each with one fault.
+
+Every run draws a profile, a plugin set, a sink and format, short periods and one fault from a
+seeded generator, then checks the exit code, the messages, that every written node ends as the
+run found it, and that the report file and the Perfetto trace are whole. `--only K` replays run K
+of a seed.
+"""
+
+import argparse
+import csv
+import glob
+import io
+import json
+import os
+import random
+import re
+import shutil
+import signal
+import sys
+import tempfile
+import threading
+import time
+
+import simrun
+
+PLUGIN_SETS = {
+    "generic": [["--all"], ["--stats"], ["--stats", "--cycle"], ["--credits"], ["--thermals"],
+                ["--dsp-trace"], ["--ravelin", "--dsp"], ["--example"]],
+    "brantley": [["--all"], ["--brantley-rails"], ["--stats", "--thermals"]],
+    "fennick": [["--all"], ["--charge-data"], ["--quillon-rails"],
+                ["--quillon-dram", "--quillon-dram-ms=20"], ["--credits", "--dsp-trace"]],
+}
+
+TAILED = "/sys/class/power_supply/battery/charge_counter"
+
+# What each option makes the tool read, as device paths (globs).
+READS = {
+    "power": ["/sys/class/power_supply/battery/current_now",
+              "/sys/class/power_supply/battery/voltage_now"],
+    "--stats": ["/proc/stat", "/sys/devices/system/cpu/cpufreq/policy*/cpuinfo_cur_freq",
+                "/sys/devices/system/cpu/cpufreq/policy*/stats/time_in_state",
+                "/sys/class/kgsl/kgsl-3d0/*", "/sys/class/backlight/panel0-backlight/bl_power",
+                "/sys/class/power_supply/battery/charge_*"],
+    "--credits": ["/proc/2*/task/*/time_in_state", "/proc/2*/task/*/comm"],
+    "--charge-data": ["/sys/class/power_supply/battery/*", "/sys/class/power_supply/usb/*"],
+    "--thermals": ["/sys/class/thermal/thermal_zone*/temp", "/sys/class/thermal/thermal_zone*/type",
+                   "/sys/class/hwmon/hwmon3/rpm"],
+    "--ravelin": ["/.emberline-sim/log/main"],
+    "--dsp": ["/.emberline-sim/log/main"],
+    "--tail": [TAILED],
+    "--brantley-rails": ["/sys/bus/iio/devices/iio:device*/*"],
+    "--quillon-rails": ["/sys/class/powercap/epm:*/*"],
+    "--quillon-dram": ["/sys/devices/system/cpu/bw_prof/bwmon*/last_sample",
+                       "/sys/devices/system/cpu/bw_prof/bwmon*/client"],
+}
+ALL_COVERS = {"generic": ["--stats", "--credits", "--thermals", "--ravelin", "--dsp"],
+              "brantley": ["--stats", "--credits", "--thermals", "--ravelin", "--dsp",
+                           "--brantley-rails"],
+              "fennick": ["--stats", "--credits", "--charge-data", "--thermals", "--ravelin",
+                          "--dsp", "--quillon-rails", "--quillon-dram"]}
+
+# The nodes the tool writes and that the sim records: charging, and the bandwidth monitor.
+WRITTEN = {"/sys/devices/system/cpu/bw_prof/sample_ms"} | {
+    f"/sys/devices/system/cpu/bw_prof/bwmon{m}/mon_enabled" for m in range(3)}
+
+FORMATS = {"text": [], "inline": ["--inline"], "json": ["--json"], "csv": ["--csv"]}
+EXTENSIONS = {"text": "txt", "inline": "txt", "json": "json", "csv": "csv"}
+CRASH_TEXTS = ("Sanitizer", "runtime error:", "terminate called", "Segmentation fault",
+               "core dumped", "Assertion", "Aborted", "stack smashing")
+# Dropping these makes root inside the sandbox obey file modes, as on a headset's shell.
+NO_DAC = ["setpriv", "--inh-caps=-dac_override,-dac_read_search",
+          "--bounding-set=-dac_override,-dac_read_search", "--"]
+SIGNALS = {"SIGINT": signal.SIGINT, "SIGTERM": signal.SIGTERM, "SIGHUP": signal.SIGHUP,
+           "SIGKILL": signal.SIGKILL, "SIGPIPE": None}
+REPORT = "/data/local/tmp/faults-report"
+
+
+class Plan:
+    """One run's draw; printed so that a failure can be told and replayed."""
+
+    def __init__(self, rng, disk_full_mode, fifo_stall):
+        self.profile = rng.choice(sorted(PLUGIN_SETS))
+        self.plugins = list(rng.choice(PLUGIN_SETS[self.profile]))
+        if rng.random() < 0.2:
+            self.plugins += ["--tail", TAILED]
+        self.no_power = rng.random() < 0.25
+        self.keep_charging = rng.random() < 0.15
+        self.sink = rng.choice(["console", "file", "perfetto"])
+        self.format = rng.choice(sorted(FORMATS))
+        self.quiet = self.sink != "console" and rng.random() < 0.5
+        self.sample = rng.choice([10, 20, 50])
+        self.output = max(self.sample, rng.choice([10, 50, 100, 200]))
+        self.time = 2
+        self.frozen = False
+        self.fault = rng.choice(["node", "node", "node", "charging", "dsp", "disk", "signal",
+                                 "signal"])
+        self.detail = {}
+        if self.fault == "node":
+            kinds = ["vanish", "unreadable", "garbage", "huge", "still"]
+            self.detail = {"kind": rng.choice(kinds + (["fifo"] if fifo_stall else [])),
+                           "when": rng.choice(["before", "during"]),
+                           "pick": rng.random()}
+            self.frozen = rng.random() < 0.5
+        elif self.fault == "charging":
+            self.detail = {"node": rng.choice(simrun.CHARGING_NODES)}
+        elif self.fault == "dsp":
+            if not any(p in self.plugins for p in ("--all", "--dsp-trace")):
+                self.plugins.append("--dsp-trace")
+            self.detail = {"mix": rng.choice(["partial", "garbage", "both"]),
+                           "writes": rng.randint(5, 60)}
+        elif self.fault == "disk":
+            # Reports every 10 ms fill the small disk within the run whatever the plugins.
+            self.sink, self.sample, self.output = "file", 10, 10
+            self.detail = {"on": disk_full_mode}
+        elif self.fault == "signal":
+            name = rng.choice(sorted(SIGNALS))
+            moment = rng.choice(["before the loop", "charging settle", "loop"])
+            if name == "SIGPIPE":
+                self.sink, self.quiet, moment = "console", False, "loop"
+            self.detail = {"signal": name, "moment": moment, "delay_ms": rng.randint(0, 400)}
+            self.time = 0 if rng.random() < 0.5 else 4
+
+    def tool_args(self):
+        args = list(self.plugins)
+        if self.no_power:
+            args.append("--no-power")
+        if self.keep_charging:
+            args.append("-c")
+        args += FORMATS[self.format]
+        if self.sink == "file":
+            args += ["--file", self.report_path()]
+        elif self.sink == "perfetto":
+            args.append("-p")
+        if self.quiet:
+            args.append("-q")
+        return args + ["-s", str(self.sample), "-o", str(self.output), "-t", str(self.time)]
+
+    def report_path(self):
+        if self.fault == "disk" and self.detail["on"] == "/dev/full":
+            return "/dev/full"
+        if self.fault == "disk":
+            return "/data/local/tmp/full/report." + EXTENSIONS[self.format]
+        return REPORT + "." + EXTENSIONS[self.format]
+
+    def describe(self):
+        detail = " ".join(f"{k}={v}" for k, v in self.detail.items() if k != "pick")
+        return (f"{self.profile}{' frozen' if self.frozen else ''} "
+                f"[{' '.join(self.tool_args())}] fault={self.fault} {detail}").rstrip()
+
+
+def covered(plan):
+    """The options whose reads this run makes."""
+    options = set(plan.plugins)
+    if "--all" in options:
+        options |= set(ALL_COVERS[plan.profile])
+    if not plan.no_power:
+        options.add("power")
+    return options
+
+
+def host_path(state, device_path):
+    if device_path.startswith("/.emberline-sim/log/"):
+        return os.path.join(state, "log", os.path.basename(device_path))
+    return state + device_path
+
+
+def device_path(state, host):
+    if host.startswith(os.path.join(state, "log") + "/"):
+        return "/.emberline-sim/log/" + os.path.basename(host)
+    return host[len(state):]
+
+
+def fault_target(plan, state):
+    """A node this run reads that the fault can reach from outside: /proc/stat is a file mount
+    of its own, so only changes in place reach it."""
+    candidates = []
+    for option in sorted(covered(plan)):
+        for pattern in READS.get(option, []):
+            for path in sorted(glob.glob(host_path(state, pattern))):
+                dev = device_path(state, path)
+                if not os.path.isfile(path) or dev in WRITTEN or dev.endswith("input_suspend"):
+                    continue
+                if dev == "/proc/stat" and plan.detail["kind"] in ("vanish", "still", "fifo"):
+                    continue
+                candidates.append(path)
+    if not candidates:
+        return None
+    return candidates[int(plan.detail["pick"] * len(candidates))]
+
+
+def rewrite_in_place(path, data):
+    with open(path, "r+b") as f:
+        f.truncate(0)
+        f.write(data)
+
+
+def apply_node_fault(kind, path, rng):
+    if kind == "vanish":
+        os.remove(path)
+    elif kind == "unreadable":
+        os.chmod(path, 0)
+    elif kind == "garbage":
+        rewrite_in_place(path, rng.choice([b"", b"abc\n", b"-99999999999999999999999\n",
+                                           b"nan\n", b"\0\0\0\n", rng.randbytes(300)]))
+    elif kind == "huge":
+        # Digits, so that a reader that takes the first number finds one.
+        rewrite_in_place(path, (b"1234567 " * 127 + b"\n") * 10240)
+    elif kind == "still":
+        # The model goes on rewriting the old inode; the path now shows one value for good.
+        data = open(path, "rb").read()
+        os.remove(path)
+        with open(path, "wb") as f:
+            f.write(data)
+    elif kind == "fifo":
+        os.remove(path)
+        os.mkfifo(path)
+
+
+def dsp_writer(fifo, plan, rng, stop):
+    """Plays a DSP agent gone wrong: blocks cut mid-record and blocks of noise."""
+    record = bytearray(120)
+    record[0:5] = b"fault"
+    record[40:48] = (7).to_bytes(8, "little")
+    record[112:116] = (4242).to_bytes(4, "little")
+    fd = -1
+    for _ in range(plan.detail["writes"]):
+        if stop.is_set():
+            break
+        if fd < 0:
+            try:
+                fd = os.open(fifo, os.O_WRONLY | os.O_NONBLOCK)
+            except OSError:
+                time.sleep(0.02)
+                continue
+        mix = plan.detail["mix"]
+        if mix == "partial" or (mix == "both" and rng.random() < 0.5):
+            data = bytes(record) * rng.randint(1, 40)
+            data = data[:rng.randint(1, len(data))]
+        else:
+            data = rng.randbytes(rng.choice([120, 3840, 5000]))
+        try:
+            os.write(fd, data)
+        except OSError:
+            pass
+        time.sleep(rng.uniform(0, 0.05))
+    if fd >= 0:
+        os.close(fd)
+
+
+def report_problems(text, fmt, truncated_tail_ok):
+    """Reports that are not whole in the report's format.
+
+    Reports are framed by their own syntax rather than by line ends: a DSP task name is copied
+    into the report as it came, line ends included, and the FIFO's garbage makes such names.
+    """
+    if not text:
+        return []
+    problems = []
+    if not text.endswith("\n"):
+        if not truncated_tail_ok:
+            problems.append(f"last line not ended: {text[-60:]!r}")
+        text = text[:text.rfind("\n") + 1]
+    lines = text.split("\n")[:-1]
+    if fmt == "csv":
+        width = None
+        for n, row in enumerate(csv.reader(io.StringIO(text))):
+            width = width or len(row)
+            if len(row) != width:
+                problems.append(f"row {n + 1} has {len(row)} cells, header {width}")
+    elif fmt == "json":
+        # A float that is not a number stands bare as nan or inf, as in the other forms.
+        text = re.sub(r"(?<=[:\[,])-?(nan|inf)(?=[,}\]])", "null", text)
+        decoder, pos, n = json.JSONDecoder(strict=False), 0, 0
+        while pos < len(text):
+            n += 1
+            try:
+                _, pos = decoder.raw_decode(text, pos)
+            except ValueError as e:
+                problems.append(f"report {n} is not JSON: {e}")
+                break
+            if text[pos:pos + 1] != "\n":
+                problems.append(f"report {n} is not followed by a line end")
+                break
+            pos += 1
+    elif fmt == "inline":
+        problems += [f"report {n + 1} does not begin with sequence" for n, report in
+                     enumerate(re.split(r"\n(?=sequence=)", text)) if not
+                     report.startswith("sequence=")]
+    elif fmt == "text":
+        if truncated_tail_ok and "------" in lines:
+            lines = lines[:len(lines) - lines[::-1].index("------")]
+        if lines and lines[-1] != "------":
+            problems.append("last report not closed by ------")
+        starts = [i + 1 for i, line in enumerate(lines) if line == "------"]
+        problems += [f"report at line {i + 1} does not begin with sequence"
+                     for i in [0] + starts[:-1] if i < len(lines)
+                     and not lines[i].startswith("sequence: ")]
+    return problems[:3]
+
+
+def read_varint(data, pos):
+    value = shift = 0
+    while True:
+        if pos >= len(data):
+            raise ValueError("varint runs past the end")
+        byte = data[pos]
+        pos += 1
+        value |= (byte & 0x7F) << shift
+        shift += 7
+        if not byte & 0x80:
+            return value, pos
+
+
+def trace_problems(data, truncated_tail_ok):
+    """A `Trace` is a run of field 1, each a length-delimited packet wholly inside the file."""
+    pos = packets = 0
+    while pos < len(data):
+        start = pos
+        try:
+            tag, pos = read_varint(data, pos)
+            if tag != (1 << 3 | 2):
+                return [f"field tag {tag} at byte {start}, packet {packets}"]
+            length, pos = read_varint(data, pos)
+        except ValueError as e:
+            return [] if truncated_tail_ok else [f"{e} at byte {start}"]
+        if pos + length > len(data):
+            return [] if truncated_tail_ok else [f"packet {packets} runs past the end"]
+        pos += length
+        packets += 1
+    return []
+
+
+class Outcome:
+    def __init__(self):
+        self.problems = []
+
+    def check(self, ok, text):
+        if not ok:
+            self.problems.append(text)
+
+
+def execute(plan, build, seed, timeout_s):
+    rng = random.Random(seed)
+    state = tempfile.mkdtemp(prefix="emberline-faults-")
+    wrapper = []
+    if plan.fault == "node" and plan.detail["kind"] == "unreadable" or plan.fault == "charging":
+        wrapper = NO_DAC
+    if plan.fault == "disk" and plan.detail["on"] == "tmpfs":
+        wrapper = ["unshare", "-rm", "sh", "-c", DISK_FULL_SHELL, "sh"]
+    outcome = Outcome()
+    run = simrun.SimRun(build, state, plan.profile, plan.tool_args(), seed=seed,
+                        frozen=plan.frozen, wrapper=wrapper)
+    stop = threading.Event()
+    writer = None
+    try:
+        if not run.wait_ready(30):
+            outcome.check(False, "the sim never reached the gate")
+            run.kill()
+            return outcome, state
+        initial = {path: open(host_path(state, path), "rb").read()
+                   for path in WRITTEN if os.path.exists(host_path(state, path))}
+        target = None
+        if plan.fault == "node":
+            target = fault_target(plan, state)
+            if target is None:
+                plan.detail["target"] = "none"
+            else:
+                plan.detail["target"] = device_path(state, target)
+            if target and plan.detail["when"] == "before":
+                apply_node_fault(plan.detail["kind"], target, rng)
+        if plan.fault == "charging":
+            os.chmod(host_path(state, plan.detail["node"]), 0o444)
+        if plan.fault == "signal" and plan.detail["signal"] == "SIGPIPE":
+            run.close_out_after = rng.randint(1, 5)
+        run.release()
+        if plan.fault == "node" and target and plan.detail["when"] == "during":
+            if wait_for_loop(run, plan, timeout_s):
+                time.sleep(rng.uniform(0, 0.5))
+                apply_node_fault(plan.detail["kind"], target, rng)
+        if plan.fault == "dsp":
+            fifo = host_path(state, "/data/misc/dsp/HexagonTelemetrySharedFIFO")
+            writer = threading.Thread(target=dsp_writer, args=(fifo, plan, rng, stop), daemon=True)
+            writer.start()
+        if plan.fault == "signal" and plan.detail["signal"] != "SIGPIPE":
+            send_signal(run, plan, timeout_s)
+        code = run.wait(timeout_s)
+        if code is None:
+            outcome.check(False, f"no end within {timeout_s} s (a stall?)")
+            # The tool alone, so that its exit guard and the sim's recorder still do their part.
+            if pid := run.tool_pid():
+                os.kill(pid, signal.SIGKILL)
+            code = run.wait(10)
+            if code is None:
+                run.kill()
+                code = run.proc.returncode
+        stop.set()
+        if writer:
+            writer.join()
+        judge(plan, run, code, state, initial, outcome)
+    finally:
+        stop.set()
+        if run.proc.poll() is None:
+            run.kill()
+    return outcome, state
+
+
+# A tmpfs small enough to fill: the tool runs in a namespace of its own where it may mount one.
+# The report is copied out afterwards, so the host can check what a full disk left of it.
+DISK_FULL_SHELL = ('mkdir -p /data/local/tmp/full && '
+                   'mount -t tmpfs -o size=4k tmpfs /data/local/tmp/full || exit 99; '
+                   '"$@"; code=$?; cp /data/local/tmp/full/report.* "$EMBERLINE_SIM_STATE"/; '
+                   'exit $code')
+
+
+def wait_for_start(run, timeout_s):
+    """The tool's host pid once its stop handlers are in; they go in first thing in main, and a
+    signal before that would test the loader, not the tool."""
+    simrun.wait_for(lambda: (p := run.tool_pid()) and simrun.catches(p, signal.SIGINT), timeout_s)
+    return run.tool_pid()
+
+
+def charging_suspended(run):
+    return any(data == b"1" for _, _, data in simrun.recorded_writes(run.state))
+
+
+def wait_for_loop(run, plan, timeout_s):
+    """Waits until the timing loop runs. A quiet run says nothing: then the suspending write (or
+    the start and the second the charger takes to settle) tells it."""
+    if not plan.quiet:
+        return simrun.wait_for(lambda: b"Press CTRL-C to stop...\n" in run.err, timeout_s)
+    if wait_for_start(run, timeout_s) is None:
+        return False
+    if not plan.keep_charging:
+        simrun.wait_for(lambda: charging_suspended(run), timeout_s)
+    time.sleep(1.05)
+    return True
+
+
+def send_signal(run, plan, timeout_s):
+    sig = SIGNALS[plan.detail["signal"]]
+    moment = plan.detail["moment"]
+    pid = wait_for_start(run, timeout_s)
+    if pid is None:
+        return
+    if moment == "charging settle":
+        simrun.wait_for(lambda: b"Disabling charging...\n" in run.err or charging_suspended(run)
+                        or plan.keep_charging and b"Starting" in run.err, timeout_s)
+    elif moment == "loop":
+        wait_for_loop(run, plan, timeout_s)
+    time.sleep(plan.detail["delay_ms"] / 1000 if moment != "before the loop" else 0)
+    try:
+        os.kill(pid, sig)
+    except ProcessLookupError:
+        pass
+
+
+def power_node_refused(plan):
+    """A node the power plugin opens at its start, gone or unreadable before that."""
+    return (plan.fault == "node" and plan.detail["when"] == "before" and not plan.no_power
+            and plan.detail["kind"] in ("vanish", "unreadable")
+            and plan.detail.get("target") in READS["power"])
+
+
+def judge(plan, run, code, state, initial, outcome):
+    err = run.err.decode(errors="replace")
+    check = outcome.check
+    for text in CRASH_TEXTS:
+        check(text not in err, f"standard error says {text!r}")
+    check(code not in (125, 126, 127, 99), f"the run did not start (exit {code})")
+    sig = plan.detail.get("signal")
+    if sig == "SIGKILL":
+        check(code in (0, 128 + signal.SIGKILL), f"exit {code}, want 137 after SIGKILL")
+    elif plan.fault == "signal":
+        check(code == 0, f"exit {code}, want 0 after {sig}")
+        said = "Enabling charging..." in err
+        check(said or plan.keep_charging or plan.quiet, "no 'Enabling charging...' after a stop")
+    elif code == 1:
+        check("ERROR: " in err, "exit 1 without an 'ERROR: ' line")
+    else:
+        check(code == 0, f"exit {code}")
+    if power_node_refused(plan):
+        path = plan.detail["target"]
+        check(code == 1 and f"Failed to open file at '{path}'" in err
+              and "ERROR: Failed to initialize plugin 'power'" in err,
+              "a missing power node is not reported as the power plugin's failed start")
+
+    if plan.fault == "charging":
+        node = plan.detail["node"]
+        check(err.count(f"Permission denied for {node}\n") == 1 and err.count("Permission") == 1,
+              f"not one 'Permission denied for {node}'")
+        check(all(path != node for path, _, _ in simrun.recorded_writes(state)),
+              "a node that refuses writing was written")
+    for problem in simrun.nodes_not_given_back(state, initial):
+        check(False, problem)
+
+    killed = sig == "SIGKILL"
+    if plan.sink == "console" and sig != "SIGPIPE":
+        text = run.out.decode(errors="replace")
+        for problem in report_problems(text, plan.format, killed):
+            check(False, "standard output: " + problem)
+    if plan.sink == "file" and plan.report_path() != "/dev/full":
+        name = os.path.basename(plan.report_path())
+        where = os.path.join(state, name) if plan.fault == "disk" else host_path(
+            state, plan.report_path())
+        if os.path.exists(where):
+            text = open(where, "rb").read().decode(errors="replace")
+            for problem in report_problems(text, plan.format, killed or plan.fault == "disk"):
+                check(False, "report: " + problem)
+            if plan.fault == "disk":
+                check(len(text) > 2000, f"the disk never filled ({len(text)} bytes)")
+        else:
+            check(code not in (0, 128 + signal.SIGKILL) or plan.fault == "disk" and code == 1,
+                  "no report file")
+    for trace in glob.glob(host_path(state, "/data/local/tmp/*.perfetto-trace")):
+        for problem in trace_problems(open(trace, "rb").read(), killed):
+            check(False, "trace: " + problem)
+
+
+def disk_full_mode(build):
+    """tmpfs when a mount namespace of the tool's own can have one, else /dev/full."""
+    state = tempfile.mkdtemp(prefix="emberline-faults-")
+    try:
+        run = simrun.SimRun(build, state, "generic", ["--version"], frozen=True,
+                            wrapper=["unshare", "-rm", "sh", "-c",
+                                     "mount -t tmpfs -o size=16k tmpfs /tmp && exit 0; exit 99",
+                                     "sh"])
+        run.wait_ready(30)
+        run.release()
+        return "tmpfs" if run.wait(30) == 0 else "/dev/full"
+    finally:
+        shutil.rmtree(state, ignore_errors=True)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--runs", type=int, default=200)
+    parser.add_argument("--seed", type=int, default=None)
+    parser.add_argument("--build", default=simrun.DEFAULT_BUILD)
+    parser.add_argument("--only", type=int, default=None, help="replay this run only")
+    parser.add_argument("--keep", action="store_true", help="keep each failed run's state dir")
+    parser.add_argument("--fifo-stall", action="store_true",
+                        help="also replace nodes by a FIFO nobody writes (the tool hangs on one)")
+    args = parser.parse_args()
+    seed = args.seed if args.seed is not None else random.SystemRandom().randrange(1, 1 << 31)
+    mode = disk_full_mode(args.build)
+    print(f"seed {seed}; full disk: {mode}", flush=True)
+    runs = [args.only] if args.only is not None else range(1, args.runs + 1)
+    failed = 0
+    for k in runs:
+        rng = random.Random(f"{seed}:{k}")
+        plan = Plan(rng, mode, args.fifo_stall)
+        timeout_s = (plan.time or 4) + 20
+        began = time.monotonic()
+        outcome, state = execute(plan, args.build, rng.randrange(1, 1 << 31), timeout_s)
+        took = time.monotonic() - began
+        verdict = "FAIL" if outcome.problems else "ok"
+        print(f"run {k} {verdict} {took:.1f}s: {plan.describe()}", flush=True)
+        for problem in outcome.problems:
+            print(f"    {problem}", flush=True)
+        if outcome.problems:
+            failed += 1
+        if outcome.problems and args.keep:
+            print(f"    state kept in {state}", flush=True)
+        else:
+            shutil.rmtree(state, ignore_errors=True)
+    print(f"{len(runs)} runs, {failed} failed (seed {seed})")
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
