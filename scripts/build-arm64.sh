@@ -60,4 +60,7 @@ echo "== emberline --no-power --example -t 2 -c (aarch64, emulated)"
 
 echo "== tests (aarch64, emulated)"
 cd "$dir"
-ctest --output-on-failure --timeout 300 -j "$(nproc)"
+# qemu-user does not run a fork made by a forked child reliably (the grandchild can hang or
+# vanish), and the exit guard's test is exactly that; the native builds run it.
+ctest --output-on-failure --timeout 300 -j "$(nproc)" -E '^ExitGuard\.'
+
