@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "crash_restore.h"
+#include "platform/os/node.h"
 #include "plugins/charge_plugin.h"
 #include "plugins/cpu_credits_plugin.h"
 #include "plugins/dsp_trace_plugin.h"
@@ -72,7 +73,7 @@ USBCharging::USBCharging()
             "/sys/class/power_supply/usb/input_suspend",
             "/sys/class/power_supply/wireless/input_suspend"} {
   for (const auto& path : paths) {
-    int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    int fd = os::open_node(path, O_WRONLY);
     if (fd >= 0) {
       fds.push_back(fd);
     } else if (errno == EACCES) {

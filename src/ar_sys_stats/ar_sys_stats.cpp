@@ -1,6 +1,7 @@
 #include "ar_sys_stats/ar_sys_stats.h"
 
 #include <android-base/file.h>
+#include <android-base/unique_fd.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,7 +9,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
+
+#include "platform/os/node.h"
 
 namespace ArSysStats {
 
@@ -46,6 +48,12 @@ struct ThreadPath {
 
 TimePoint now() {
   return std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
+}
+
+// The whole node into `text`, read by libbase over a descriptor opened without blocking.
+bool read_node(const std::string& path, std::string& text) {
+  android::base::unique_fd fd(emberline::os::open_node(path));
+  return fd.get() >= 0 && android::base::ReadFdToString(fd, &text);
 }
 
 std::string first_line(const std::string& text) {
@@ -100,8 +108,8 @@ bool getProcInfo(int pid, int tid, ProcInfo* out) {
   out->pid = pid;
   out->tid = tid;
   std::string comm, cmdline;
-  if (!android::base::ReadFileToString(ThreadPath(pid, tid, kComm).text, &comm, false) ||
-      !android::base::ReadFileToString(ThreadPath(pid, tid, kCmdline).text, &cmdline, false)) {
+  if (!read_node(ThreadPath(pid, tid, kComm).text, comm) ||
+      !read_node(ThreadPath(pid, tid, kCmdline).text, cmdline)) {
     return false;
   }
   out->comm = first_line(comm);
@@ -146,11 +154,8 @@ bool getProcStats(int pid, int tid, ProcStats* out, bool per_freq) {
   out->pid = pid;
   out->tid = tid;
   out->timestamp = now();
-  // The stream's own buffer would be a heap block per thread and tick; the file is small.
-  char buffer[4096];
-  std::ifstream in;
-  in.rdbuf()->pubsetbuf(buffer, sizeof buffer);
-  in.open(ThreadPath(pid, tid, kTimeInState).text);
+  // Its buffer stands inside the stream: no heap block per thread and tick.
+  emberline::os::NodeStream in(ThreadPath(pid, tid, kTimeInState).text);
   if (!in.is_open()) return false;
   parseTimeInState(in, out, per_freq);
   return true;

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <iostream>
 
+#include "platform/os/node.h"
+
 namespace emberline {
 
 namespace {
@@ -117,7 +119,7 @@ bool ChargePlugin::init() {
   // All or nothing: a report that silently lacks an attribute would read as a device without it.
   auto node = table().begin();
   for (Row& row : rows) {
-    row.file = std::fopen(row.path->c_str(), "r");
+    row.file = os::open_node_file(*row.path);
     if (row.file == nullptr) {
       std::cerr << "ERROR: Failed to find node file '" << *row.path << "'." << std::endl;
       return false;

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <optional>
 
+#include "platform/os/node.h"
 #include "platform/zavra_os/zavra_os.h"
 
 namespace emberline {
@@ -16,7 +17,7 @@ FilePlugin::FilePlugin(std::vector<std::string> files) : wanted_files(std::move(
 bool FilePlugin::init() {
   for (const std::string& path : wanted_files) {
     // A path that is wrong at the start is a mistake on the command line: refuse to run.
-    FILE* file = std::fopen(path.c_str(), "r");
+    FILE* file = os::open_node_file(path);
     if (file == nullptr) {
       std::fprintf(stderr, "ERROR: Couldn't open file: %s\n", path.c_str());
       return false;

@@ -36,7 +36,7 @@ PowerRailsPlugin::PowerRailsPlugin()
 bool PowerRailsPlugin::init() {
   for (std::size_t d = 0; d < device_paths.size(); ++d) {
     const std::string& device = device_paths[d];
-    std::ifstream rails(device + "/available_rails");
+    os::NodeStream rails(device + "/available_rails");
     if (!rails) {
       std::cerr << "ERROR: Failed to find rail_file '" << device + "average_value"
                 << "'." << std::endl
@@ -66,7 +66,7 @@ bool PowerRailsPlugin::init() {
 bool PowerRailsPlugin::on_output() {
   for (std::size_t d = 0; d < device_paths.size(); ++d) {
     const std::string& device = device_paths[d];
-    std::ifstream& averages = average_files[d];
+    os::NodeStream& averages = average_files[d];
     averages.close();
     averages.clear();
     averages.open(device + "/average_value");

@@ -1,13 +1,13 @@
 #pragma once
 
 #include <array>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
 #include <unordered_map>
 #include <utility>
 
+#include "platform/os/node.h"
 #include "plugin.h"
 
 namespace emberline {
@@ -32,7 +32,7 @@ class PowerRailsPlugin : public Plugin {
  private:
   std::unordered_map<std::string, std::string> rail_keys;
   std::array<std::string, 2> device_paths;
-  std::array<std::ifstream, 2> average_files;
+  std::array<os::NodeStream, 2> average_files;
   std::unordered_map<std::string,
                      std::unordered_map<std::string, std::shared_ptr<UnitValue<3, 'W'>>>>
       rail_values;

@@ -4,6 +4,8 @@
 
 #include <iostream>
 
+#include "platform/os/node.h"
+
 namespace emberline {
 
 namespace {
@@ -11,7 +13,7 @@ const char* const kBatteryDir = "/sys/class/power_supply/battery/";
 const char* const kUsbDir = "/sys/class/power_supply/usb/";
 
 FILE* open_or_complain(const std::string& path) {
-  FILE* file = std::fopen(path.c_str(), "re");
+  FILE* file = os::open_node_file(path);
   if (file == nullptr) std::cerr << "Failed to open file at '" << path << "'" << std::endl;
   return file;
 }

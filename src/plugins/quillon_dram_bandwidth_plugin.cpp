@@ -10,6 +10,7 @@
 #include <iostream>
 
 #include "crash_restore.h"
+#include "platform/os/node.h"
 #include "platform/trace/perfetto.h"
 #include "platform/zavra_os/zavra_os.h"
 
@@ -242,7 +243,7 @@ QuillonDRAMBandwidthPlugin::~QuillonDRAMBandwidthPlugin() {
 bool QuillonDRAMBandwidthPlugin::init() {
   // Opening has no effect on the driver, so the lists are readable even if configuring fails.
   for (int i = 0; i < kMonitors; ++i) {
-    sample_fds[i] = ::open(sample_paths[i].c_str(), O_RDONLY | O_CLOEXEC);
+    sample_fds[i] = os::open_node(sample_paths[i]);
     monitor_samples[i].reserve(kInitialSamples);
   }
   read_buffer.resize(kInitialReadBuffer);
@@ -288,7 +289,7 @@ void QuillonDRAMBandwidthPlugin::armRestore(const std::string& path, const std::
   for (const Restore& r : restores) {
     if (r.path == path) return;
   }
-  int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  int fd = os::open_node(path, O_WRONLY);
   if (fd < 0) return;
   int slot = crash_restore::remember(fd, bytes);
   if (slot < 0) {

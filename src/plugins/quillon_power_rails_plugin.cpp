@@ -55,7 +55,7 @@ bool QuillonPowerRailsPlugin::init() {
   }
 
   for (const std::string& dir : rail_dirs) {
-    std::ifstream name(kPowercap + "/" + dir + "/name");
+    os::NodeStream name(kPowercap + "/" + dir + "/name");
     if (!name) {
       std::cerr << "ERROR: Failed to find name file for rail directory '" << dir << "'."
                 << std::endl;
@@ -91,7 +91,7 @@ bool QuillonPowerRailsPlugin::on_output() {
     if (rail == rail_values.end()) continue;
     auto value = rail->second.find(short_key(i));
     if (value == rail->second.end()) continue;
-    std::ifstream& power = power_files[i];
+    os::NodeStream& power = power_files[i];
     power.close();
     power.clear();
     power.open(kPowercap + "/" + dir + "/power_uw");

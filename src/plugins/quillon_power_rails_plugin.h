@@ -1,7 +1,6 @@
 #pragma once
 
 #include <array>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -9,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/os/node.h"
 #include "plugin.h"
 
 namespace emberline {
@@ -31,7 +31,7 @@ class QuillonPowerRailsPlugin : public Plugin {
  private:
   std::unordered_map<std::string, std::string> rail_names;
   std::vector<std::string> rail_dirs;
-  std::array<std::ifstream, kMaxRails> power_files;
+  std::array<os::NodeStream, kMaxRails> power_files;
   std::unordered_map<std::string,
                      std::unordered_map<std::string, std::shared_ptr<UnitValue<3, 'W'>>>>
       rail_values;

@@ -14,6 +14,8 @@
 #include <iostream>
 #include <limits>
 
+#include "platform/os/node.h"
+
 namespace emberline {
 
 namespace {
@@ -50,7 +52,7 @@ float published(float value) {
 
 // The whole of a file into `text`, reusing its storage. False if the file cannot be opened.
 bool read_whole(const char* path, std::string& text) {
-  const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  const int fd = os::open_node(path);
   if (fd < 0) return false;
   text.resize(std::max<std::size_t>(text.capacity(), 4096));
   std::size_t used = 0;
@@ -83,7 +85,7 @@ void for_each_line(std::string_view text, Each&& each) {
 // The kHz number of a cpuinfo_cur_freq node, 0 when it holds none. Opened and closed on each use:
 // a cluster's policy can come and go with hotplug. None if it cannot be opened.
 std::optional<long> read_cur_freq(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const int fd = os::open_node(path);
   if (fd < 0) return std::nullopt;
   char text[64];
   ssize_t got;
@@ -230,7 +232,7 @@ std::vector<std::pair<int, int>> StatsPlugin::get_affected_cpus(const std::strin
     const std::string entry_path = dir + "/" + name;
     if (::stat(entry_path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) continue;
     const std::string path = entry_path + "/affected_cpus";
-    std::FILE* file = std::fopen(path.c_str(), "re");
+    std::FILE* file = os::open_node_file(path);
     if (file == nullptr) {
       std::cerr << "Failed to open " << path << std::endl;
       continue;
@@ -567,7 +569,7 @@ bool StatsPlugin::get_gpu_freq(float& freq) {
 
 std::FILE* StatsPlugin::open_kept(KeptFile& kept, const char* path) {
   if (!kept.tried) {
-    kept.file = std::fopen(path, "re");
+    kept.file = os::open_node_file(path);
     kept.tried = true;
   }
   if (kept.file != nullptr) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <fstream>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -8,6 +7,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/os/node.h"
 #include "platform/thermal/thermal.h"
 #include "platform/zavra_os/zavra_os.h"
 #include "plugin.h"
@@ -68,7 +68,7 @@ class ThermalsPlugin : public Plugin {
   // Shows the severities the service's thread recorded; the tree is the measurement thread's.
   void publish_status();
 
-  std::ifstream fan_rpm_file;
+  os::NodeStream fan_rpm_file;
   std::shared_ptr<Value<unsigned long>> fan_rpm;
   std::unordered_map<std::string, Section::FieldOptions> type_options;
   std::unordered_map<std::string, std::vector<int>> status_by_type;

@@ -9,6 +9,8 @@
 #include <charconv>
 #include <utility>
 
+#include "platform/os/node.h"
+
 namespace android::hardware::thermal::V2_0::implementation {
 
 namespace {
@@ -26,7 +28,7 @@ std::string_view trim_end(std::string_view text) {
 
 // The whole of a small node into `buffer`; false when it cannot be opened or read.
 bool read_node(const std::string& path, std::string& buffer) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  int fd = emberline::os::open_node(path);
   if (fd < 0) return false;
   buffer.resize(kMaxNodeBytes);
   ssize_t got = ::read(fd, buffer.data(), buffer.size());

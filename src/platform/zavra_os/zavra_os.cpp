@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "platform/os/node.h"
 #include "platform/os/os.h"
 
 namespace Zavra::OS {
@@ -56,7 +57,7 @@ bool deviceIsBrantley() {
 namespace File {
 
 std::optional<std::string> ReadText(const std::string& path, unsigned long limit) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  int fd = emberline::os::open_node(path);
   if (fd < 0) return std::nullopt;
   std::string text;
   char buffer[4096];
@@ -80,7 +81,7 @@ std::optional<std::string> ReadText(const std::string& path, unsigned long limit
 }
 
 int WriteText(const std::string& path, const std::string& text, bool append) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | (append ? O_APPEND : O_TRUNC));
+  int fd = emberline::os::open_node(path, O_WRONLY | (append ? O_APPEND : O_TRUNC));
   if (fd < 0) return errno;
   std::size_t done = 0;
   while (done < text.size()) {
