@@ -4,20 +4,11 @@
 #include <cstdint>
 #include <memory>
 
-#include "fuzz_input.h"
 #include "log_stream.h"
 #include "plugins/logcat_dsp_plugin.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  auto windows = fuzz::pieces(data, size);
-  const std::size_t ticks = windows.size();
-  fuzz::FromText<emberline::LogcatDspPlugin> plugin(std::move(windows));
-  plugin.init();
-  for (std::size_t t = 0; t < ticks; ++t) {
-    plugin.on_output();
-    std::size_t quotes = 0;
-    for (char c : plugin.last_command) quotes += c == '\'';
-    fuzz::check(quotes == 2, "the stamp stays inside its quotes");
+  fuzz::run_windows<emberline::LogcatDspPlugin>(data, size, [](auto& plugin) {
     // Every figure comes from digits alone, without a sign, and a number no float takes makes
     // its line count for nothing.
     for (const auto& [key, entry] : plugin.values) {
@@ -26,6 +17,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       if (value->is_null) continue;
       fuzz::check(std::isfinite(value->value) && value->value >= 0, "finite, never negative");
     }
-  }
+  });
   return 0;
 }
