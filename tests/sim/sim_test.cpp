@@ -173,7 +173,12 @@ Outcome run_sim(std::vector<std::string> args, std::vector<std::string> env = {}
 class SandboxTest : public testing::Test {
  protected:
   void SetUp() override {
-    if (const auto& reason = test_support::sandbox_unavailable(SIM_BINARY)) GTEST_SKIP() << *reason;
+    const auto& reason = test_support::sandbox_unavailable(SIM_BINARY);
+    if (!reason) return;
+    // Where bwrap makes a sandbox by itself, the sim failing to is the sim's fault, not a skip.
+    const char* bwrap = "bwrap --unshare-pid --dev-bind / / true";
+    ASSERT_NE(test_support::run_process({"/bin/sh", "-c", bwrap}).exit_code, 0) << *reason;
+    GTEST_SKIP() << *reason;
   }
 };
 using SandboxThreaded = SandboxTest;
@@ -256,9 +261,7 @@ TEST_F(SandboxTest, ExitStatusIsTheCommandsAndSignalsReachIt) {
 
 TEST(SandboxFailureTest, NoNamespaceIsAClearErrorAnd125) {
   TemporaryDir bin;
-  std::ofstream(bin.path() + "/bwrap")
-      << "#!/bin/sh\necho 'bwrap: Creating new namespace failed: Operation not permitted' >&2\n"
-         "exit 1\n";
+  std::ofstream(bin.path() + "/bwrap") << "#!/bin/sh\necho 'bwrap: no namespace' >&2; exit 1\n";
   fs::permissions(bin.path() + "/bwrap", fs::perms::owner_all);
   Outcome o = run_sim({"run", "--", "true"}, {"PATH=" + bin.path() + ":/usr/bin:/bin"});
   EXPECT_EQ(o.exit_code, 125);
