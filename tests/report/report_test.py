@@ -82,6 +82,17 @@ class ReportTest(unittest.TestCase):
                 self.assertEqual((code, out, err.count("\n")), (2, "", 1), err)
                 self.assertIn(message, err)
 
+    def test_plot_writes_the_image_its_name_asks_for(self):
+        try:
+            import matplotlib  # noqa: F401
+        except ImportError:
+            self.skipTest("matplotlib is missing")
+        with tempfile.TemporaryDirectory() as d:
+            for name, magic in (("p.png", b"\x89PNG"), ("p.svg", b"<?xml")):
+                code, _, err = run("plot", "IN", "-o", f"{d}/{name}", "--fields", "power.*", text=CSV)
+                self.assertEqual(code, 0, err)
+                self.assertTrue(Path(d, name).read_bytes().startswith(magic), name)
+
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)
