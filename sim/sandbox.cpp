@@ -171,7 +171,13 @@ int launch(int argc, char** argv) {
   // A pidfd lets the sim signal COMMAND across the pid namespace with no risk of pid reuse.
   int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, ::getpid(), 0));
   StartMessage message;
-  if (pidfd >= 0) message.attach(pidfd);
+  if (pidfd >= 0) {
+    message.attach(pidfd);
+  } else {
+    // Without pidfd_open (kernels before 5.3) the message goes alone, since sendmsg refuses an
+    // empty control block; the run goes on, only without signals passed on to COMMAND.
+    message.get()->msg_controllen = 0;
+  }
   ::sendmsg(control_fd, message.get(), MSG_NOSIGNAL);
   ::close(control_fd);
   if (pidfd >= 0) ::close(pidfd);
