@@ -8,6 +8,8 @@ of a seed.
 
 import argparse
 import csv
+import fcntl
+import fnmatch
 import glob
 import io
 import json
@@ -73,6 +75,16 @@ NO_DAC = ["setpriv", "--inh-caps=-dac_override,-dac_read_search",
 SIGNALS = {"SIGINT": signal.SIGINT, "SIGTERM": signal.SIGTERM, "SIGHUP": signal.SIGHUP,
            "SIGKILL": signal.SIGKILL, "SIGPIPE": None}
 REPORT = "/data/local/tmp/faults-report"
+# System calls by machine: those that read a descriptor (read, pread64, readv), that write one
+# (write, pwrite64, writev), and that the timing loop sleeps in (clock_nanosleep, nanosleep,
+# restart_syscall).
+CALLS = {"x86_64": ({0, 17, 19}, {1, 18, 20}, {230, 35, 219}),
+         "aarch64": ({63, 67, 65}, {64, 68, 66}, {115, 101, 128})}
+# What the sample step reads: the power nodes and a bandwidth monitor's samples.
+SAMPLED = READS["power"] + READS["--quillon-dram"][:1]
+FAILED_READ = "Error: Failed to get temperature from thermalHAL\n"
+GONE_AT_READ = ("Unable to get Thermal HAL V2.0\n"
+                "ERROR: Thermal HAL unavailable in get_current_temperature\n" + FAILED_READ)
 
 
 class Plan:
@@ -93,7 +105,7 @@ class Plan:
         self.time = 2
         self.frozen = False
         self.fault = rng.choice(["node", "node", "node", "charging", "dsp", "disk", "signal",
-                                 "signal"])
+                                 "signal", "thermal"])
         self.detail = {}
         if self.fault == "node":
             kinds = ["vanish", "unreadable", "garbage", "huge", "still"]
@@ -114,11 +126,29 @@ class Plan:
             self.detail = {"on": disk_full_mode}
         elif self.fault == "signal":
             name = rng.choice(sorted(SIGNALS))
-            moment = rng.choice(["before the loop", "charging settle", "loop"])
+            moment = rng.choice(["before the loop", "charging settle", "loop", "mid-sample",
+                                 "mid-report"])
             if name == "SIGPIPE":
                 self.sink, self.quiet, moment = "console", False, "loop"
+            if moment == "mid-sample":
+                self.no_power = False
+            if moment == "mid-report" and self.sink == "perfetto":
+                self.sink, self.quiet = "console", False
+            if moment == "mid-report":
+                # Reports often enough to fill a small pipe well within the run, or to stop the
+                # tool in one often.
+                self.output = self.sample = min(self.output, 10 if self.quiet else 50)
             self.detail = {"signal": name, "moment": moment, "delay_ms": rng.randint(0, 400)}
             self.time = 0 if rng.random() < 0.5 else 4
+        elif self.fault == "thermal":
+            if not any(p in self.plugins for p in ("--all", "--thermals")):
+                self.plugins.append("--thermals")
+            # Reports up to 2 s apart, so that the service is back before the next read in some
+            # runs and still gone at it in others.
+            self.output = rng.choice([100, 500, 1000, 2000])
+            self.sample = min(self.sample, self.output)
+            self.time = 6
+            self.detail = {"away_s": round(rng.uniform(0.2, 2.5), 2)}
 
     def tool_args(self):
         args = list(self.plugins)
@@ -372,6 +402,10 @@ def execute(plan, build, seed, timeout_s):
             os.chmod(host_path(state, plan.detail["node"]), 0o444)
         if plan.fault == "signal" and plan.detail["signal"] == "SIGPIPE":
             run.close_out_after = rng.randint(1, 5)
+        if plan.fault == "signal" and plan.detail["moment"] == "mid-report" and not plan.quiet:
+            # Unread reports fill a pipe of one page; the tool then blocks writing the next.
+            run.out_paused.set()
+            fcntl.fcntl(run.proc.stdout.fileno(), fcntl.F_SETPIPE_SZ, 4096)
         run.release()
         if plan.fault == "node" and target and plan.detail["when"] == "during":
             if wait_for_loop(run, plan, timeout_s):
@@ -382,7 +416,9 @@ def execute(plan, build, seed, timeout_s):
             writer = threading.Thread(target=dsp_writer, args=(fifo, plan, rng, stop), daemon=True)
             writer.start()
         if plan.fault == "signal" and plan.detail["signal"] != "SIGPIPE":
-            send_signal(run, plan, timeout_s)
+            send_signal(run, plan, timeout_s, rng)
+        if plan.fault == "thermal":
+            take_thermal_away(run, plan, rng, timeout_s)
         code = run.wait(timeout_s)
         if code is None:
             outcome.check(False, f"no end within {timeout_s} s (a stall?)")
@@ -436,7 +472,7 @@ def wait_for_loop(run, plan, timeout_s):
     return True
 
 
-def send_signal(run, plan, timeout_s):
+def send_signal(run, plan, timeout_s, rng):
     sig = SIGNALS[plan.detail["signal"]]
     moment = plan.detail["moment"]
     pid = wait_for_start(run, timeout_s)
@@ -445,13 +481,125 @@ def send_signal(run, plan, timeout_s):
     if moment == "charging settle":
         simrun.wait_for(lambda: b"Disabling charging...\n" in run.err or charging_suspended(run)
                         or plan.keep_charging and b"Starting" in run.err, timeout_s)
-    elif moment == "loop":
+    elif moment != "before the loop":
         wait_for_loop(run, plan, timeout_s)
-    time.sleep(plan.detail["delay_ms"] / 1000 if moment != "before the loop" else 0)
+    if moment in ("mid-sample", "mid-report"):
+        plan.detail["reached"] = signal_mid_step(run, plan, pid, sig, rng)
+        if plan.detail["reached"]:
+            return
+    else:
+        time.sleep(plan.detail["delay_ms"] / 1000 if moment != "before the loop" else 0)
     try:
         os.kill(pid, sig)
     except ProcessLookupError:
         pass
+
+
+class MainThread:
+    """The tool's main thread as /proc shows it, read through descriptors held open: a read of
+    them takes microseconds, which is what stopping the tool inside a short step needs."""
+
+    def __init__(self, pid):
+        self.pid = pid
+        self.fds = [os.open(f"/proc/{pid}/{name}", os.O_RDONLY) for name in ("syscall", "stat")]
+
+    def close(self):
+        for fd in self.fds:
+            os.close(fd)
+
+    def _read(self, which):
+        try:
+            return os.pread(self.fds[which], 4096, 0).decode()
+        except OSError:
+            return ""
+
+    def call(self):
+        """The fields of /proc/PID/syscall: "running", or the call the thread is in (or has just
+        left, when stopped) and its arguments, "-1" in user code; none once the tool is gone."""
+        return self._read(0).split()
+
+    def stopped(self):
+        state = self._read(1).rsplit(")", 1)[-1].split()
+        return not state or state[0] in "Tt"
+
+    def last_call(self):
+        """(number, descriptor, what the descriptor names) of the call the thread is in or has
+        just left, if it takes a descriptor first; None otherwise."""
+        fields = self.call()
+        try:
+            fd = int(fields[1], 16)
+            return int(fields[0]), fd, os.readlink(f"/proc/{self.pid}/fd/{fd}")
+        except (OSError, ValueError, IndexError):
+            return None
+
+
+def signal_mid_step(run, plan, pid, sig, rng, give_up_s=8):
+    """Sends `sig` while the tool's main thread stands in the moment the plan names: a read of a
+    node the sample step reads, or a write of a report. A write blocked on the unread pipe is
+    waited for; otherwise the tool is stopped again and again through its steps until its last
+    call is the one wanted. False, with nothing sent, when the moment was not reached in time."""
+    reads, writes, sleeps = CALLS.get(os.uname().machine, (set(), set(), set()))
+    report = None if plan.sink == "console" else plan.report_path()
+
+    def wanted(call):
+        if call is None:
+            return False
+        number, fd, target = call
+        if plan.detail["moment"] == "mid-sample":
+            node = target[len(run.state):] if target.startswith(run.state) else target
+            return number in reads and any(fnmatch.fnmatch(node, p) for p in SAMPLED)
+        return number in writes and (fd == 1 or report is not None and target.endswith(report))
+
+    try:
+        thread = MainThread(pid)
+    except OSError:
+        return False
+    try:
+        if run.out_paused.is_set():
+            reached = simrun.wait_for(lambda: wanted(thread.last_call()), give_up_s, step=0.01)
+            if reached:
+                os.kill(pid, sig)
+            return reached
+        deadline = time.monotonic() + give_up_s
+        while time.monotonic() < deadline:
+            # The thread sleeps between steps. From the moment it wakes it is stopped, looked at
+            # and let go again and again, until the step is over.
+            time.sleep(rng.uniform(0, 0.002))
+            simrun.wait_for(lambda: thread.call()[:1] != ["running"], 0.5, step=0)
+            simrun.wait_for(lambda: thread.call()[:1] in (["running"], []), 0.5, step=0)
+            for _ in range(200):
+                os.kill(pid, signal.SIGSTOP)
+                simrun.wait_for(thread.stopped, 1, step=0)
+                call = thread.last_call()
+                if wanted(call):
+                    os.kill(pid, sig)
+                    os.kill(pid, signal.SIGCONT)
+                    return True
+                os.kill(pid, signal.SIGCONT)
+                if call and call[0] in sleeps:
+                    break
+                time.sleep(rng.uniform(0, 3e-4))  # a little way on through the step
+        return False
+    except ProcessLookupError:
+        return False
+    finally:
+        thread.close()
+        run.out_paused.clear()
+
+
+def take_thermal_away(run, plan, rng, timeout_s):
+    """Moves the thermal class directory away for the drawn time, which ends the thermal
+    service's process, then back, which lets a new one start."""
+    if not wait_for_loop(run, plan, timeout_s):
+        return
+    time.sleep(rng.uniform(0, 0.5))
+    thermal, away = run.host_path("/sys/class/thermal"), run.host_path("/thermal-away")
+    os.rename(thermal, away)
+    # A read in the moment between the directory going and the death being told meets the
+    # service as it dies, and fails by itself.
+    plan.detail["early"] = simrun.wait_for(lambda: FAILED_READ.encode() in run.err, 0.1)
+    time.sleep(max(0.0, plan.detail["away_s"] - 0.1))
+    os.rename(away, thermal)
 
 
 def power_node_refused(plan):
@@ -478,6 +626,17 @@ def judge(plan, run, code, state, initial, outcome):
         check("ERROR: " in err, "exit 1 without an 'ERROR: ' line")
     else:
         check(code == 0, f"exit {code}")
+    if plan.fault == "thermal":
+        died = "ThermalHAL died\n" in err
+        early = plan.detail.pop("early", False)
+        if code == 0 and died:
+            plan.detail["outcome"] = "back in time"
+        elif code == 1 and died and GONE_AT_READ in err:
+            plan.detail["outcome"] = "gone at a read"
+        elif code == 1 and early and FAILED_READ in err and "Thermal HAL unavailable" not in err:
+            plan.detail["outcome"] = "a read met the service dying"
+        check("outcome" in plan.detail, f"exit {code}, but neither 'ThermalHAL died' and a run "
+              "to its end, nor the lines of a service gone at a read")
     if power_node_refused(plan):
         path = plan.detail["target"]
         check(code == 1 and f"Failed to open file at '{path}'" in err
@@ -545,7 +704,7 @@ def main():
     mode = disk_full_mode(args.build)
     print(f"seed {seed}; full disk: {mode}", flush=True)
     runs = [args.only] if args.only is not None else range(1, args.runs + 1)
-    failed = 0
+    failed = missed = 0
     for k in runs:
         rng = random.Random(f"{seed}:{k}")
         plan = Plan(rng, mode, args.fifo_stall)
@@ -559,11 +718,12 @@ def main():
             print(f"    {problem}", flush=True)
         if outcome.problems:
             failed += 1
+        missed += plan.detail.get("reached") is False
         if outcome.problems and args.keep:
             print(f"    state kept in {state}", flush=True)
         else:
             shutil.rmtree(state, ignore_errors=True)
-    print(f"{len(runs)} runs, {failed} failed (seed {seed})")
+    print(f"{len(runs)} runs, {failed} failed, {missed} moments not reached (seed {seed})")
     return 1 if failed else 0
 
 

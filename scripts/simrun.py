@@ -57,6 +57,7 @@ class SimRun:
         self.err = bytearray()
         self.out_lines = 0
         self.close_out_after = 0  # lines; then stop reading, as `| head -N` would
+        self.out_paused = threading.Event()  # while set, the tool's reports are left unread
         out = subprocess.DEVNULL if discard_out else subprocess.PIPE
         self.proc = subprocess.Popen(cmd, stdin=subprocess.DEVNULL, stdout=out,
                                      stderr=subprocess.PIPE, start_new_session=True)
@@ -68,7 +69,13 @@ class SimRun:
 
     def _read_out(self):
         fd = self.proc.stdout.fileno()
-        while chunk := os.read(fd, 65536):
+        while True:
+            if self.out_paused.is_set():
+                time.sleep(0.01)
+                continue
+            chunk = os.read(fd, 65536)
+            if not chunk:
+                break
             self.out += chunk
             self.out_lines += chunk.count(b"\n")
             if self.close_out_after and self.out_lines >= self.close_out_after:

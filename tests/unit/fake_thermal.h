@@ -14,8 +14,10 @@ using android::sp;
 using namespace android::hardware;
 using namespace android::hardware::thermal::V2_0;
 
-inline Temperature sensor(const char* name, TemperatureType type, float value,
-                          ThrottlingSeverity severity = ThrottlingSeverity::NONE) {
+using TT = TemperatureType;
+using TS = ThrottlingSeverity;
+
+inline Temperature sensor(const char* name, TT type, float value, TS severity = TS::NONE) {
   return Temperature{type, name, value, severity};
 }
 
@@ -27,13 +29,12 @@ class FakeThermal : public IThermal {
   }
 
  public:
-  explicit FakeThermal(std::vector<Temperature> sensors = {}) : sensors_(std::move(sensors)) {}
+  explicit FakeThermal(std::vector<Temperature> sensors = {}) : sensors(std::move(sensors)) {}
 
-  ThermalStatus read_status, register_status, unregister_status;  // what the calls answer
+  // What the calls answer; changed only while no read runs.
+  std::vector<Temperature> sensors;
+  ThermalStatus read_status, register_status, unregister_status;
 
-  void set_sensors(std::vector<Temperature> sensors) {
-    locked([&] { sensors_ = sensors; });
-  }
   std::size_t callbacks() {
     return locked([&] { return callbacks_.size(); });
   }
@@ -41,13 +42,11 @@ class FakeThermal : public IThermal {
     for (auto& c : locked([&] { return callbacks_; })) c->notifyThrottling(t);
   }
 
-  Return<void> getCurrentTemperatures(bool, TemperatureType,
-                                      getCurrentTemperatures_cb cb) override {
-    locked([&] { cb(read_status, sensors_); });
+  Return<void> getCurrentTemperatures(bool, TT, getCurrentTemperatures_cb cb) override {
+    cb(read_status, sensors);
     return Void();
   }
-  Return<void> registerThermalChangedCallback(const sp<IThermalChangedCallback>& c, bool,
-                                              TemperatureType,
+  Return<void> registerThermalChangedCallback(const sp<IThermalChangedCallback>& c, bool, TT,
                                               registerThermalChangedCallback_cb cb) override {
     if (register_status.code == ThermalStatusCode::SUCCESS)
       locked([&] { callbacks_.push_back(c); });
@@ -63,7 +62,6 @@ class FakeThermal : public IThermal {
 
  private:
   std::mutex mutex_;
-  std::vector<Temperature> sensors_;
   std::vector<sp<IThermalChangedCallback>> callbacks_;
 };
 

@@ -2,7 +2,10 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -82,8 +85,14 @@ std::optional<unsigned> zone_number(std::string_view entry) {
   return n;
 }
 
-DefaultThermal::DefaultThermal(std::string root, std::chrono::milliseconds poll_period)
-    : root_(std::move(root)), poll_period_(poll_period) {
+DefaultThermal::DefaultThermal(std::string root, std::chrono::milliseconds poll_period,
+                               std::function<void()> on_exit)
+    : root_(std::move(root)),
+      poll_period_(poll_period),
+      on_exit_(std::move(on_exit)),
+      stop_fd_(::eventfd(0, EFD_CLOEXEC)),
+      watch_fd_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+  if (watch_fd_ >= 0) ::inotify_add_watch(watch_fd_, root_.c_str(), IN_MOVE_SELF | IN_DELETE_SELF);
   // Severities are counted from here, so a change before the first poll is still told at it.
   hidl_vec<Temperature> start;
   if (read_zones(start)) {
@@ -94,12 +103,13 @@ DefaultThermal::DefaultThermal(std::string root, std::chrono::milliseconds poll_
 }
 
 DefaultThermal::~DefaultThermal() {
-  {
-    std::lock_guard lock(mutex_);
-    stopping_ = true;
-  }
-  wake_.notify_all();
+  stopping_ = true;
+  const std::uint64_t one = 1;
+  [[maybe_unused]] ssize_t woken = ::write(stop_fd_, &one, sizeof one);
   poll_thread_.join();
+  for (int fd : {stop_fd_, watch_fd_}) {
+    if (fd >= 0) ::close(fd);
+  }
 }
 
 bool DefaultThermal::available(const std::string& root) {
@@ -194,11 +204,17 @@ void DefaultThermal::poll() {
   hidl_vec<Temperature> now;
   std::vector<Registration> told;
   for (;;) {
-    {
-      std::unique_lock lock(mutex_);
-      if (wake_.wait_for(lock, poll_period_, [this] { return stopping_; })) return;
+    pollfd wake[] = {{stop_fd_, POLLIN, 0}, {watch_fd_, POLLIN, 0}};
+    ::poll(wake, std::size(wake), static_cast<int>(poll_period_.count()));
+    if (stopping_) return;
+    // An event only says to look now; what counts is whether the directory can be listed.
+    char events[1024];
+    while (watch_fd_ >= 0 && ::read(watch_fd_, events, sizeof events) > 0) {
     }
-    if (!read_zones(now)) continue;
+    if (!read_zones(now)) {
+      if (on_exit_) on_exit_();
+      return;
+    }
     for (const Temperature& t : now) {
       auto [seen, first_sight] = last_seen_.try_emplace(t.name, t.throttlingStatus);
       if (first_sight || seen->second == t.throttlingStatus) continue;

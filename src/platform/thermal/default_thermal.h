@@ -3,9 +3,16 @@
 // The thermal service a headset without a vendor HAL would run: every thermal zone of the
 // kernel's thermal class is a sensor, read afresh at each call, and a poll thread tells
 // registered callbacks when a zone's throttling severity moves.
+//
+// Its process lives as long as its directory can be listed. The poll thread looks at each poll,
+// and at once when the directory itself is moved or removed; finding it gone, it calls `on_exit`
+// once and ends, as the process would. The registry makes that the instance's death, and starts a
+// new service once the directory is back, so a headset's thermal service is made to die and
+// restart from outside by moving /sys/class/thermal away and back.
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -35,7 +42,8 @@ class DefaultThermal : public IThermal {
   static constexpr const char* kThermalClass = "/sys/class/thermal";
 
   explicit DefaultThermal(std::string root = kThermalClass,
-                          std::chrono::milliseconds poll_period = std::chrono::seconds(1));
+                          std::chrono::milliseconds poll_period = std::chrono::seconds(1),
+                          std::function<void()> on_exit = {});
   ~DefaultThermal() override;
   DefaultThermal(const DefaultThermal&) = delete;
   DefaultThermal& operator=(const DefaultThermal&) = delete;
@@ -64,9 +72,11 @@ class DefaultThermal : public IThermal {
 
   const std::string root_;
   const std::chrono::milliseconds poll_period_;
-  std::mutex mutex_;  // guards registrations_ and stopping_
-  std::condition_variable wake_;
-  bool stopping_ = false;
+  const std::function<void()> on_exit_;
+  std::atomic<bool> stopping_ = false;
+  const int stop_fd_;   // an eventfd that wakes the poll thread to end it
+  const int watch_fd_;  // inotify on root_ itself, or -1: then only the poll finds it gone
+  std::mutex mutex_;    // guards registrations_
   std::vector<Registration> registrations_;
   std::map<std::string, ThrottlingSeverity> last_seen_;  // the poll thread's alone once it runs
   std::thread poll_thread_;

@@ -3,8 +3,10 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -103,19 +105,8 @@ class Registry {
   }
 
   sp<IThermal> get(const std::string& name) {
-    sp<IThermal> started;  // released outside the lock if another service won the race
-    std::unique_lock lock(mutex_);
-    if (name == "default" && !managed_ && !default_tried_) {
-      default_tried_ = true;
-      lock.unlock();
-      // Made outside the lock: the service reads its zones once as it starts.
-      if (implementation::DefaultThermal::available(
-              implementation::DefaultThermal::kThermalClass)) {
-        started = std::make_shared<implementation::DefaultThermal>();
-      }
-      lock.lock();
-      if (started && !managed_ && !nodes_.contains(name)) install(name, std::move(started));
-    }
+    std::lock_guard lock(mutex_);
+    if (name == "default" && !managed_ && !nodes_.contains(name)) start_default();
     auto found = nodes_.find(name);
     if (found == nodes_.end()) return nullptr;
     return std::make_shared<Proxy>(found->second);
@@ -141,24 +132,19 @@ class Registry {
       nodes_.erase(found);
     }
     if (successor) install(name, std::move(successor));
-    if (!node) return;
-    std::vector<std::pair<wp<hidl_death_recipient>, std::uint64_t>> links;
-    {
-      std::lock_guard node_lock(node->mutex);
-      dying = std::move(node->service);
-      links = std::move(node->links);
-      node->links.clear();
-    }
-    for (auto& [recipient, cookie] : links) {
-      if (auto strong = recipient.lock()) pending_.emplace_back(std::move(strong), cookie);
-    }
-    if (!thread_.joinable()) thread_ = std::thread([this] { deliver(); });
-    wake_.notify_all();
+    if (node) dying = end_process(*node);
+  }
+
+  void serve_default(std::string root, std::chrono::milliseconds poll_period) {
+    std::lock_guard lock(mutex_);
+    managed_ = false;
+    default_root_ = std::move(root);
+    default_period_ = poll_period;
   }
 
   void await() {
     std::unique_lock lock(mutex_);
-    idle_.wait(lock, [this] { return pending_.empty() && delivering_ == 0; });
+    idle_.wait(lock, [this] { return jobs_.empty() && running_ == 0; });
   }
 
  private:
@@ -168,22 +154,74 @@ class Registry {
     nodes_[name] = std::move(node);
   }
 
+  // With mutex_ held, so that the service's exit, which needs the lock, finds it installed.
+  void start_default() {
+    if (!implementation::DefaultThermal::available(default_root_)) return;
+    auto node = std::make_shared<Node>();
+    // The exit comes on the service's poll thread, which its destructor joins: the death is
+    // handled on the registry's thread instead.
+    auto on_exit = [this, weak = std::weak_ptr<Node>(node)] {
+      std::lock_guard lock(mutex_);
+      post([this, weak] { exited(weak.lock()); });
+    };
+    node->service =
+        std::make_shared<implementation::DefaultThermal>(default_root_, default_period_, on_exit);
+    nodes_["default"] = std::move(node);
+  }
+
+  // The default service's process ended by itself, unless a test's took its place already.
+  void exited(const std::shared_ptr<Node>& node) {
+    sp<IThermal> dying;  // released outside the lock: its destructor joins the poll thread
+    std::lock_guard lock(mutex_);
+    auto found = nodes_.find("default");
+    if (!node || found == nodes_.end() || found->second != node) return;
+    nodes_.erase(found);
+    dying = end_process(*node);
+  }
+
+  // Calls through handles to `node` fail from now on, and its linked recipients are told on the
+  // registry's thread. With mutex_ held; returns the service, to be released outside it.
+  sp<IThermal> end_process(Node& node) {
+    sp<IThermal> dying;
+    std::vector<std::pair<wp<hidl_death_recipient>, std::uint64_t>> links;
+    {
+      std::lock_guard node_lock(node.mutex);
+      dying = std::move(node.service);
+      links = std::move(node.links);
+      node.links.clear();
+    }
+    for (auto& [recipient, cookie] : links) {
+      if (auto strong = recipient.lock()) {
+        post([strong, cookie] { strong->serviceDied(cookie, wp<IBase>()); });
+      }
+    }
+    return dying;
+  }
+
+  // Runs `job` on the registry's thread. With mutex_ held.
+  void post(std::function<void()> job) {
+    if (stopping_) return;  // the process is ending
+    jobs_.push_back(std::move(job));
+    if (!thread_.joinable()) thread_ = std::thread([this] { deliver(); });
+    wake_.notify_all();
+  }
+
   void deliver() {
     pthread_setname_np(pthread_self(), "hwbinder");
     std::unique_lock lock(mutex_);
     for (;;) {
-      wake_.wait(lock, [this] { return stopping_ || !pending_.empty(); });
-      if (pending_.empty()) return;
-      auto [recipient, cookie] = std::move(pending_.front());
-      pending_.pop_front();
-      ++delivering_;
+      wake_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });
+      if (jobs_.empty()) return;
+      auto job = std::move(jobs_.front());
+      jobs_.pop_front();
+      ++running_;
       lock.unlock();
-      // The recipient may call getService, which takes the lock again.
-      recipient->serviceDied(cookie, wp<IBase>());
-      recipient.reset();
+      // A recipient may call getService, which takes the lock again.
+      job();
+      job = nullptr;
       lock.lock();
-      --delivering_;
-      if (pending_.empty() && delivering_ == 0) idle_.notify_all();
+      --running_;
+      if (jobs_.empty() && running_ == 0) idle_.notify_all();
     }
   }
 
@@ -191,12 +229,14 @@ class Registry {
   std::condition_variable wake_;
   std::condition_variable idle_;
   std::map<std::string, std::shared_ptr<Node>> nodes_;
-  // Once a test has placed or killed a service, the default one never starts by itself.
+  // Once a test has placed or killed a service, the default one starts by itself only after
+  // serve_default.
   bool managed_ = false;
-  bool default_tried_ = false;
+  std::string default_root_ = implementation::DefaultThermal::kThermalClass;
+  std::chrono::milliseconds default_period_ = std::chrono::seconds(1);
   bool stopping_ = false;
-  std::deque<std::pair<sp<hidl_death_recipient>, std::uint64_t>> pending_;
-  int delivering_ = 0;
+  std::deque<std::function<void()>> jobs_;
+  int running_ = 0;
   std::thread thread_;
 };
 
@@ -219,6 +259,10 @@ void kill_service(const std::string& name) {
 
 void replace_service(sp<IThermal> service, const std::string& name) {
   Registry::instance().kill(name, std::move(service));
+}
+
+void serve_default(std::string root, std::chrono::milliseconds poll_period) {
+  Registry::instance().serve_default(std::move(root), poll_period);
 }
 
 void await_notifications() {
