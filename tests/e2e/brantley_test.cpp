@@ -9,12 +9,7 @@ namespace {
 const std::string kDevice3 = "/sys/bus/iio/devices/iio:device3/";
 const std::string kDevice4 = "/sys/bus/iio/devices/iio:device4/";
 
-std::string section(const std::string& out, const std::string& header) {
-  for (const auto& line : e2e::lines(out)) {
-    if (line.rfind(header, 0) == 0) return line;
-  }
-  return "";
-}
+using e2e::section;
 
 TEST(BrantleyRails, RailsByNameInWatts) {
   e2e::write_file(kDevice3 + "available_rails",

@@ -23,12 +23,6 @@
 
 namespace credits {
 
-inline std::string state_dir() {
-  const char* state = std::getenv("EMBERLINE_SIM_STATE");
-  if (state == nullptr) throw std::runtime_error("not inside the simulated headset");
-  return state;
-}
-
 inline std::vector<std::string> entries(const std::string& dir) {
   std::vector<std::string> names;
   if (DIR* d = opendir(dir.c_str())) {
@@ -41,7 +35,7 @@ inline std::vector<std::string> entries(const std::string& dir) {
 }
 
 inline std::string task_dir(int pid) {
-  return state_dir() + "/proc/" + std::to_string(pid) + "/task/";
+  return e2e::state_dir() + "/proc/" + std::to_string(pid) + "/task/";
 }
 
 // The thread of `pid` named `comm`; -1 if there is none.
@@ -75,7 +69,7 @@ inline e2e::Result run_changing_after_first_snapshot(const std::vector<std::stri
                                                      const std::function<void()>& change) {
   int fd = inotify_init1(IN_CLOEXEC);
   std::size_t threads = 0;
-  for (const std::string& pid : entries(state_dir() + "/proc")) {
+  for (const std::string& pid : entries(e2e::state_dir() + "/proc")) {
     if (!std::isdigit(static_cast<unsigned char>(pid[0]))) continue;
     for (const std::string& tid : entries(task_dir(std::stoi(pid)))) {
       if (inotify_add_watch(fd, (task_dir(std::stoi(pid)) + tid + "/time_in_state").c_str(),

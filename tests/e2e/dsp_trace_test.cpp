@@ -23,20 +23,6 @@ using emberline::DspTracePlugin;
 using Entry = DspTracePlugin::DspLogEntry;
 constexpr const char* kFifo = "/data/misc/dsp/HexagonTelemetrySharedFIFO";
 
-void clear_tmp() {
-  for (const auto& entry : std::filesystem::directory_iterator("/data/local/tmp")) {
-    std::filesystem::remove(entry.path());
-  }
-}
-
-std::string only_trace_file() {
-  std::vector<std::string> found;
-  for (const auto& entry : std::filesystem::directory_iterator("/data/local/tmp")) {
-    if (entry.path().extension() == ".perfetto-trace") found.push_back(entry.path());
-  }
-  return found.size() == 1 ? found[0] : "";
-}
-
 // Runs the tool while writing `block` into its FIFO as soon as the tool holds it open.
 e2e::Result run_with_block(const std::vector<std::string>& args, const std::vector<Entry>& records,
                            bool wait_for_session = false, const e2e::Options& options = {}) {
@@ -47,7 +33,8 @@ e2e::Result run_with_block(const std::vector<std::string>& args, const std::vect
     // it are only counted. Its file gets its first packet a few instructions before the session
     // records; the pause covers those.
     while (wait_for_session &&
-           (only_trace_file().empty() || std::filesystem::file_size(only_trace_file()) == 0)) {
+           (e2e::only_file(".perfetto-trace").empty() ||
+            std::filesystem::file_size(e2e::only_file(".perfetto-trace")) == 0)) {
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     if (wait_for_session) std::this_thread::sleep_for(std::chrono::milliseconds(200));
@@ -69,7 +56,7 @@ e2e::Result run_with_block(const std::vector<std::string>& args, const std::vect
 }
 
 TEST(DspTrace, BlocksBecomeReportedSlicesAndTheFifoGoesAway) {
-  clear_tmp();
+  e2e::clear_tmp();
   ASSERT_FALSE(std::filesystem::exists(kFifo));
   const std::uint64_t now = emberline::platform::cntvct_to_us(emberline::platform::read_cntvct());
   const std::vector<Entry> records{
@@ -92,7 +79,7 @@ TEST(DspTrace, BlocksBecomeReportedSlicesAndTheFifoGoesAway) {
   }
   EXPECT_EQ(full_reports, 1) << result.out;
 
-  const std::string path = only_trace_file();
+  const std::string path = e2e::only_file(".perfetto-trace");
   ASSERT_NE(path, "");
   const std::string none = " dsp_hmx=0 dsp_pkts=0 dsp_hvx_pkt=0";
   EXPECT_EQ(trace_test::slice_events(trace_test::read_trace(path)),
@@ -134,7 +121,7 @@ TEST(DspTrace, WaysInAndOut) {
       {"SIGSEGV", [] {}, {}, SIGSEGV, "", ""},
   };
   for (const Case& c : cases) {
-    clear_tmp();
+    e2e::clear_tmp();
     c.prepare();
     e2e::Options options;
     options.signal_after_start = c.signal;

@@ -8,12 +8,7 @@
 
 namespace {
 
-std::string section(const std::string& out, const std::string& header) {
-  for (const auto& line : e2e::lines(out)) {
-    if (line.rfind(header, 0) == 0) return line;
-  }
-  return "";
-}
+using e2e::section;
 
 TEST(Charge, EveryAttributeInItsOwnUnit) {
   struct Row {
@@ -125,13 +120,18 @@ TEST(QuillonRails, RailsBeyondTheFileTableAreLeftOut) {
   EXPECT_EQ(line.find("r_rail_48"), std::string::npos);
 }
 
+// A Quillon headset measures its USB input by current_now.
 TEST(Quillon, AllCoversTheInstrumentedHardwareInEveryFormat) {
+  e2e::write_file("/sys/class/power_supply/usb/input_current_now", "500000\n");
+  e2e::write_file("/sys/class/power_supply/usb/current_now", "250000\n");
+  e2e::write_file("/sys/class/power_supply/usb/voltage_now", "5000000\n");
   e2e::write_file("/sys/devices/system/cpu/bw_prof/bwmon2/last_sample", "1\t400\t800\t547\n");
-  auto result = e2e::run({"--no-power", "--all", "-t", "1", "--json"});
+  auto result = e2e::run({"-c", "--all", "-t", "1", "--json"});
   EXPECT_EQ(result.exit_code, 0) << result.err;
   for (const char* key :
-       {"\"charge\":{", "\"quillon_rails\":{", "\"total_bw_mbps\":1024", "\"example\":{"}) {
-    EXPECT_NE(result.out.find(key), std::string::npos) << key;
+       {"\"power_usb\":{\"raw\":1.250,\"current\":0.250,\"voltage\":5.000", "\"charge\":{",
+        "\"quillon_rails\":{", "\"total_bw_mbps\":1024", "\"example\":{"}) {
+    EXPECT_NE(result.out.find(key), std::string::npos) << key << result.out;
   }
 }
 
