@@ -7,10 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <thread>
 
 #include "harness.h"
 #include "platform/counter/cntvct.h"
@@ -23,36 +21,25 @@ using emberline::DspTracePlugin;
 using Entry = DspTracePlugin::DspLogEntry;
 constexpr const char* kFifo = "/data/misc/dsp/HexagonTelemetrySharedFIFO";
 
-// Runs the tool while writing `block` into its FIFO as soon as the tool holds it open.
+// Runs the tool and writes `records` as one block into its FIFO once the run has started: the
+// plugin holds the FIFO open from its start, and the trace session is recording by then.
 e2e::Result run_with_block(const std::vector<std::string>& args, const std::vector<Entry>& records,
-                           bool wait_for_session = false, const e2e::Options& options = {}) {
-  e2e::Result result;
-  std::thread tool([&] { result = e2e::run(args, options); });
-  if (!records.empty()) {
-    // The run's session starts after the plugin has made the FIFO, and slices written before
-    // it are only counted. Its file gets its first packet a few instructions before the session
-    // records; the pause covers those.
-    while (wait_for_session &&
-           (e2e::only_file(".perfetto-trace").empty() ||
-            std::filesystem::file_size(e2e::only_file(".perfetto-trace")) == 0)) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    if (wait_for_session) std::this_thread::sleep_for(std::chrono::milliseconds(200));
+                           int signal = 0) {
+  bool written = records.empty();
+  e2e::Options options;
+  options.signal_after_start = signal;
+  options.without_core_dump = true;
+  options.watch = [&](const std::string&, const std::string& err) {
+    if (written || err.find("Press CTRL-C to stop...\n") == std::string::npos) return;
+    written = true;
     Entry block[DspTracePlugin::kEntriesPerBlock] = {};
     std::copy(records.begin(), records.end(), block);
-    int fd = -1;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (fd < 0 && std::chrono::steady_clock::now() < deadline) {
-      // Fails until the FIFO exists and the tool holds it open.
-      fd = ::open(kFifo, O_WRONLY | O_NONBLOCK);
-      if (fd < 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    const int fd = ::open(kFifo, O_WRONLY | O_NONBLOCK);
     EXPECT_GE(fd, 0);
     EXPECT_EQ(::write(fd, block, sizeof block), static_cast<ssize_t>(sizeof block));
     ::close(fd);
-  }
-  tool.join();
-  return result;
+  };
+  return e2e::run(args, options);
 }
 
 TEST(DspTrace, BlocksBecomeReportedSlicesAndTheFifoGoesAway) {
@@ -64,7 +51,7 @@ TEST(DspTrace, BlocksBecomeReportedSlicesAndTheFifoGoesAway) {
       {"dma", 22, now + 100, now + 300, 0, 5, {}, {-8}, 12, 0},
       {"conv", 11, now + 3000, now + 4500, 0, 7, {}, {}, 7, 0},
   };
-  auto result = run_with_block({"--no-power", "--dsp-trace", "--json", "-t", "2"}, records, true);
+  auto result = run_with_block({"--no-power", "--dsp-trace", "--json", "-t", "2"}, records);
   EXPECT_EQ(result.exit_code, 0) << result.err;
   EXPECT_FALSE(std::filesystem::exists(kFifo));
   EXPECT_EQ(result.err.find("Failed to create dsp"), std::string::npos) << result.err;
@@ -123,10 +110,8 @@ TEST(DspTrace, WaysInAndOut) {
   for (const Case& c : cases) {
     e2e::clear_tmp();
     c.prepare();
-    e2e::Options options;
-    options.signal_after_start = c.signal;
-    auto result = run_with_block({"--no-power", "--dsp-trace", "--json", "-t", "1"}, c.records,
-                                 false, options);
+    auto result =
+        run_with_block({"--no-power", "--dsp-trace", "--json", "-t", "1"}, c.records, c.signal);
     std::filesystem::create_directories("/data/misc/dsp");
     EXPECT_NE(result.err.find(c.err), std::string::npos) << c.what << result.err;
     EXPECT_NE(result.out.find(c.out), std::string::npos) << c.what << result.out;

@@ -10,10 +10,12 @@ using e2e::lines;
 using e2e::mask_times;
 using e2e::run;
 
+// A report file that cannot be opened costs the file, not the run.
 TEST(EndToEnd, TimingFieldsStandBehindTheTimestampsAndPluginTimesAheadOfPlugins) {
-  auto result =
-      run({"--no-power", "--example", "-t", "1", "-c", "--csv", "--timing", "--time-plugins"});
+  auto result = run({"--no-power", "--example", "-t", "1", "-c", "--csv", "--timing",
+                     "--time-plugins", "--file", "/nonexistent/report.csv"});
   ASSERT_EQ(result.exit_code, 0);
+  EXPECT_EQ(lines(result.err)[0], "Failed to open output file at '/nonexistent/report.csv'");
   auto out = lines(result.out);
   ASSERT_EQ(out.size(), 2u);
   EXPECT_EQ(out[0],
@@ -74,12 +76,6 @@ TEST(EndToEnd, ReportFile) {
               "\"example\":{\"num_samples\":5,\"num_outputs\":2}}\n");
     EXPECT_EQ(file_when_first_report_showed, lines(result.out)[0] + "\n");
     EXPECT_EQ(e2e::read_file(file), result.out);
-  }
-  {
-    auto result = run({"--no-power", "-c", "-t", "1", "--file", "/nonexistent/report.txt"});
-    EXPECT_EQ(result.exit_code, 0);
-    EXPECT_EQ(lines(result.err)[0], "Failed to open output file at '/nonexistent/report.txt'");
-    EXPECT_EQ(lines(result.out).size(), 2u);
   }
 }
 
