@@ -123,7 +123,6 @@ TEST(DramBandwidth, ARunEndedBySignalPutsTheNodesBack) {
     const std::size_t before = e2e::recorded_writes(0).size();
     e2e::Options stop;
     stop.signal_after_start = signal;
-    stop.without_core_dump = true;
     auto result = e2e::run(
         {"--no-power", "--quillon-dram", "--quillon-dram-ms=3", "-s", "10", "-o", "10", "--csv"},
         stop);

@@ -40,8 +40,6 @@ struct Options {
   bool without_dac_override = false;
   // Stops reading the tool's reports after this many lines, as `| head -N` would.
   std::size_t close_out_after_lines = 0;
-  // A fatal signal leaves no core file behind in the test's directory.
-  bool without_core_dump = false;
   // Sees everything the tool has written so far on each of its output streams, as it comes.
   std::function<void(const std::string& out, const std::string& err)> watch;
 };
@@ -64,10 +62,9 @@ inline Result run(const std::vector<std::string>& args, const Options& options =
   argv.insert(argv.end(), args.begin(), args.end());
   test_support::Launch launch;
   launch.in_child = [&options] {
-    if (options.without_core_dump) {
-      rlimit none{0, 0};
-      setrlimit(RLIMIT_CORE, &none);
-    }
+    // A fatal signal leaves no core file behind in the test's directory.
+    rlimit none{0, 0};
+    setrlimit(RLIMIT_CORE, &none);
     return !options.without_dac_override || drop_across_exec(CAP_DAC_OVERRIDE);
   };
   bool signalled = options.signal_after_start == 0;
@@ -161,12 +158,6 @@ inline std::string section(const std::string& out, const std::string& header) {
     if (line.starts_with(header)) return line;
   }
   return "";
-}
-
-inline void clear_tmp() {
-  for (const auto& entry : std::filesystem::directory_iterator("/data/local/tmp")) {
-    std::filesystem::remove_all(entry.path());
-  }
 }
 
 // The one file of that extension the runs left in /data/local/tmp, or "" if there is not one.

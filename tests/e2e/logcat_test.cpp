@@ -79,21 +79,20 @@ TEST(Logcat, DspCountersRepeatTheLastOutputAtTheSampleRate) {
       kBuffer, telemetry(kSoon + "100", "787", kFirst) + telemetry(kSoon + "200", "1036", kSecond));
   auto result = e2e::run({"--no-power", "--dsp", "-p", "-t", "2", "-s", "100"});
   ASSERT_EQ(result.exit_code, 0);
-  auto counters = [](float util, float scalar, float hvx, float hmx, float udma, double freq) {
+  auto counters = [](std::vector<double> values) {
+    const char* names[] = {"global DSP Util", "Scalar Util", "HVX Util",
+                           "HMX Util",        "UDMA Util",   "DSP Freq"};
     std::vector<std::string> sample;
-    const char* names[] = {"global DSP Util", "Scalar Util", "HVX Util", "HMX Util", "UDMA Util"};
-    for (float share : {util, scalar, hvx, hmx, udma}) {
-      sample.push_back(names[sample.size()] + (" " + e2e::digits(share)));
-    }
-    sample.push_back("DSP Freq " + e2e::digits(freq));
+    for (double value : values) sample.push_back(names[sample.size()] + (" " + e2e::digits(value)));
     return sample;
   };
   auto mean = [](float a, float b) { return (a / 100.0f + b / 100.0f) / 2; };
   const std::vector<std::vector<std::string>> windows = {
-      counters(0, 0, 0, 0, 0, 0),
-      counters(mean(20.5f, 30.5f), mean(10.0f, 20.0f), mean(8.0f, 4.0f), mean(2.0f, 3.0f),
-               mean(1.0f, 2.0f), 911.5),
-      counters(30.5f / 100.0f, 20.0f / 100.0f, 4.0f / 100.0f, 3.0f / 100.0f, 2.0f / 100.0f, 1036)};
+      counters({0, 0, 0, 0, 0, 0}),
+      counters({mean(20.5f, 30.5f), mean(10.0f, 20.0f), mean(8.0f, 4.0f), mean(2.0f, 3.0f),
+                mean(1.0f, 2.0f), 911.5}),
+      counters(
+          {30.5f / 100.0f, 20.0f / 100.0f, 4.0f / 100.0f, 3.0f / 100.0f, 2.0f / 100.0f, 1036})};
   const std::vector<std::string> events = e2e::counter_events(e2e::only_file(".perfetto-trace"));
   ASSERT_EQ(events.size() % 6, 0u);
   std::vector<int> samples(3);

@@ -9,7 +9,6 @@ namespace {
 // Both supplies feed the same four tracks, the USB path first, at every sample: 0, 100, ...
 // 1100 ms.
 TEST(Perfetto, PowerCountersReachTheTraceAtTheSampleRate) {
-  e2e::clear_tmp();
   e2e::write_file("/sys/class/power_supply/battery/current_now", "1500000\n");
   e2e::write_file("/sys/class/power_supply/battery/voltage_now", "4000000\n");
   e2e::write_file("/sys/class/power_supply/usb/input_current_now", "500000\n");
