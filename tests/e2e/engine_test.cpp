@@ -48,6 +48,7 @@ TEST(EndToEnd, ReportFile) {
     auto result = run({"--no-power", "-c", "-t", "1", "--csv", "-f", "-q"});
     EXPECT_EQ(result.exit_code, 0);
     EXPECT_EQ(result.out + result.err, "");
+    EXPECT_EQ(e2e::recorded_writes(0).size(), 0u);  // charging went on
     const std::string file = e2e::only_file(".csv");
     EXPECT_TRUE(std::regex_match(
         file, std::regex(R"(/data/local/tmp/emberline-\d{4}-\d\d-\d\d-\d\d-\d\d-\d\d\.csv)")));
