@@ -4,9 +4,8 @@
 // the state directory, and a way to change its counters once the tool has taken its first
 // snapshot.
 
-#include <dirent.h>
-
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -17,11 +16,8 @@ namespace credits {
 
 inline std::vector<std::string> entries(const std::string& dir) {
   std::vector<std::string> names;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d)) {
-      if (e->d_name[0] != '.') names.emplace_back(e->d_name);
-    }
-    closedir(d);
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    names.push_back(entry.path().filename());
   }
   return names;
 }
@@ -59,14 +55,8 @@ inline void add_ticks(int pid, int tid, long freq, long ticks) {
 // every thread's counters, which it takes at start; the next one is a whole output period later.
 inline e2e::Result run_changing_after_first_snapshot(const std::vector<std::string>& args,
                                                      const std::function<void()>& change) {
-  bool changed = false;
   e2e::Options options;
-  options.watch = [&](const std::string&, const std::string& err) {
-    if (!changed && err.find("Press CTRL-C to stop...\n") != std::string::npos) {
-      changed = true;
-      change();
-    }
-  };
+  options.once_started = change;
   return e2e::run(args, options);
 }
 

@@ -25,12 +25,10 @@ constexpr const char* kFifo = "/data/misc/dsp/HexagonTelemetrySharedFIFO";
 // plugin holds the FIFO open from its start, and the trace session is recording by then.
 e2e::Result run_with_block(const std::vector<std::string>& args, const std::vector<Entry>& records,
                            int signal = 0) {
-  bool written = records.empty();
   e2e::Options options;
   options.signal_after_start = signal;
-  options.watch = [&](const std::string&, const std::string& err) {
-    if (written || err.find("Press CTRL-C to stop...\n") == std::string::npos) return;
-    written = true;
+  options.once_started = [&] {
+    if (records.empty()) return;
     Entry block[DspTracePlugin::kEntriesPerBlock] = {};
     std::copy(records.begin(), records.end(), block);
     const int fd = ::open(kFifo, O_WRONLY | O_NONBLOCK);

@@ -33,7 +33,9 @@ using test_support::write_file;
 using Result = test_support::Outcome;
 
 struct Options {
-  // Sent once the tool has announced its run on the standard error stream.
+  // Called, and then sent, once the tool has announced its run on the standard error stream: by
+  // then every plugin has started.
+  std::function<void()> once_started;
   int signal_after_start = 0;
   // Runs the tool as root without the right to override file permissions, so that a read-only
   // node refuses it as it refuses an unprivileged shell on a headset.
@@ -67,14 +69,15 @@ inline Result run(const std::vector<std::string>& args, const Options& options =
     setrlimit(RLIMIT_CORE, &none);
     return !options.without_dac_override || drop_across_exec(CAP_DAC_OVERRIDE);
   };
-  bool signalled = options.signal_after_start == 0;
+  bool started = false;
   std::string out, err;
   launch.on_output = [&](pid_t pid, int fd, const std::string& piece) {
     (fd == 1 ? out : err) += piece;
     if (options.watch) options.watch(out, err);
-    if (!signalled && err.find("Press CTRL-C to stop...\n") != std::string::npos) {
-      kill(pid, options.signal_after_start);
-      signalled = true;
+    if (!started && err.find("Press CTRL-C to stop...\n") != std::string::npos) {
+      started = true;
+      if (options.once_started) options.once_started();
+      if (options.signal_after_start != 0) kill(pid, options.signal_after_start);
     }
     return options.close_out_after_lines == 0 ||
            static_cast<std::size_t>(std::count(out.begin(), out.end(), '\n')) <

@@ -38,22 +38,14 @@ TEST(Power, ReadingsBecomeWattsAmpsAndVolts) {
 }
 
 TEST(Power, SchemaNamesTheConfiguredSmoothing) {
-  struct Case {
-    std::vector<std::string> args;
-    std::string text;
-  } cases[] = {
-      {{"--schema", "-w", "7"},
-       "Power value smoothed using a rolling average window of 7 samples. Window size can be set "
-       "using '-w/--window'\n"},
-      {{"--schema", "-e", "0.5"},
-       "Power value smoothed using exponential smoothing, with an alpha of 0.500000. Alpha can be "
-       "set using '-e/--exp-smooth'\n"},
-  };
-  for (const auto& c : cases) {
-    auto result = e2e::run(c.args);
-    EXPECT_EQ(result.exit_code, 0);
-    EXPECT_NE(result.out.find(c.text), std::string::npos) << result.out;
-  }
+  EXPECT_NE(e2e::run({"--schema", "-w", "7"})
+                .out.find("Power value smoothed using a rolling average window of 7 samples. "
+                          "Window size can be set using '-w/--window'\n"),
+            std::string::npos);
+  EXPECT_NE(e2e::run({"--schema", "-e", "0.5"})
+                .out.find("Power value smoothed using exponential smoothing, with an alpha of "
+                          "0.500000. Alpha can be set using '-e/--exp-smooth'\n"),
+            std::string::npos);
 }
 
 }  // namespace
