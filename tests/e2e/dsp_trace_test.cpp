@@ -77,36 +77,34 @@ TEST(DspTrace, BlocksBecomeReportedSlicesAndTheFifoGoesAway) {
 // goes on every way out, a fatal signal (which runs no destructor) included.
 TEST(DspTrace, WaysInAndOut) {
   struct Case {
-    const char* what;
     void (*prepare)();
     std::vector<Entry> records;
     int signal;
     std::string err, out;
   } cases[] = {
-      {"left over",
-       [] { ::mkfifo(kFifo, 0666); },
+      {[] { ::mkfifo(kFifo, 0666); },
        {{"left", 1, 0, 1000, 0, 0, {}, {}, 3, 0}},
        0,
        "Failed to create dsp trace pipe: File exists\n",
        R"("num_slices":1)"},
-      {"no directory",
-       [] { std::filesystem::remove_all("/data/misc"); },
+      {[] { std::filesystem::remove_all("/data/misc"); },
        {},
        0,
        "Failed to create dsp data directory: No such file or directory\n"
        "Failed to set SELinux context on dsp data directory\n"
        "Failed to create dsp trace pipe: No such file or directory\n",
        R"("dsp_trace":{"time_slice_map":null,"num_slices":0})"},
-      {"SIGSEGV", [] {}, {}, SIGSEGV, "", ""},
+      {[] {}, {}, SIGSEGV, "", ""},
   };
   for (const Case& c : cases) {
+    SCOPED_TRACE(c.signal ? strsignal(c.signal) : c.err);
     c.prepare();
     auto result =
         run_with_block({"--no-power", "--dsp-trace", "--json", "-t", "1"}, c.records, c.signal);
     std::filesystem::create_directories("/data/misc/dsp");
-    EXPECT_NE(result.err.find(c.err), std::string::npos) << c.what << result.err;
-    EXPECT_NE(result.out.find(c.out), std::string::npos) << c.what << result.out;
-    EXPECT_FALSE(std::filesystem::exists(kFifo)) << c.what;
+    EXPECT_NE(result.err.find(c.err), std::string::npos) << result.err;
+    EXPECT_NE(result.out.find(c.out), std::string::npos) << result.out;
+    EXPECT_FALSE(std::filesystem::exists(kFifo));
     std::filesystem::remove(kFifo);
   }
 }
