@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <filesystem>
+
 #include "ar_sys_stats/ar_sys_stats.h"
 #include "credits_helpers.h"
 #include "harness.h"
@@ -27,8 +29,7 @@ std::size_t threads_on_disk() {
 void expect_whole(const std::vector<ProcStats>& snapshot) {
   for (const ProcStats& s : snapshot) {
     ASSERT_TRUE(s.info) << s.tid;
-    EXPECT_EQ(s.info->pid, s.pid);
-    EXPECT_EQ(s.info->tid, s.tid);
+    EXPECT_EQ(std::pair(s.info->pid, s.info->tid), std::pair(s.pid, s.tid));
     EXPECT_FALSE(s.info->comm.empty()) << s.tid;
     EXPECT_EQ(s.cycles_per_cluster.size(), 2u) << s.tid;
   }
@@ -124,6 +125,12 @@ TEST(CreditsReport, NamesWithOneCreditOrMore) {
     credits::add_ticks(home, credits::find_tid(home, "Job.Worker 0"), 300000, 1);  // under one
     credits::add_ticks(home, credits::find_tid(home, "HeapTaskDaemon"), 300000, 1);
     credits::add_ticks(ravelin, credits::find_tid(ravelin, "HeapTaskDaemon"), 300000, 1);
+    // A thread started within the period counts whole, under its own name.
+    const std::string born = task_dir(shell) + "4242/";
+    std::filesystem::create_directories(born);
+    e2e::write_file(born + "comm", "NewThread\n");
+    e2e::write_file(born + "cmdline", std::string("sh\0", 3));
+    e2e::write_file(born + "time_in_state", "cpu0\n300000 2\ncpu4\n710400 0\n");
   };
   // Charging goes on, so that the run starts at once rather than after the charger settles.
   e2e::Result result = credits::run_changing_after_first_snapshot(
@@ -131,7 +138,7 @@ TEST(CreditsReport, NamesWithOneCreditOrMore) {
   EXPECT_EQ(result.exit_code, 0);
   EXPECT_EQ(e2e::round_seconds(e2e::mask_times(result.out)),
             "sequence: 1 | timestamp: 1.000 | device_timestamp: <epoch>\n"
-            "[Credits] CPU: RenderThread:3 | sh:1 | zygote64:2\n------\n");
+            "[Credits] CPU: NewThread:1 | RenderThread:3 | sh:1 | zygote64:2\n------\n");
   EXPECT_EQ(result.err, "Starting 1 second trace. \nPress CTRL-C to stop...\n\n\n");
 }
 

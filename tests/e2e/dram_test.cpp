@@ -20,10 +20,6 @@ std::string monitor(int m, const char* node) {
   return kRoot + "bwmon" + std::to_string(m) + "/" + node;
 }
 
-std::vector<std::string> driver_writes(std::size_t count) {
-  return e2e::recorded_writes(count, 0, kRoot);
-}
-
 std::vector<std::string> writes_of(std::initializer_list<std::pair<std::string, std::string>> w) {
   std::vector<std::string> result;
   for (const auto& [path, hex] : w) result.push_back(path + " 0 " + hex);
@@ -46,7 +42,7 @@ TEST(DramBandwidth, SetsTheDriverForTheRunAndPutsItBack) {
     QuillonDRAMBandwidthPlugin plugin(7);
     ASSERT_TRUE(plugin.init());
     EXPECT_EQ(e2e::read_file(kRoot + "sample_ms"), "7");
-    driver_writes(4);
+    e2e::recorded_writes(4, 0, kRoot);
     for (int m = 0; m < 3; ++m) EXPECT_EQ(e2e::read_file(monitor(m, "mon_enabled")), "1");
     ASSERT_TRUE(plugin.on_sample());
     EXPECT_EQ(
@@ -81,14 +77,14 @@ TEST(DramBandwidth, SetsTheDriverForTheRunAndPutsItBack) {
   }
   EXPECT_EQ(e2e::read_file(kRoot + "sample_ms"), "100\n");
   for (int m = 0; m < 3; ++m) EXPECT_EQ(e2e::read_file(monitor(m, "mon_enabled")), "0");
-  EXPECT_EQ(driver_writes(8), writes_of({{kRoot + "sample_ms", "37"},
-                                         {monitor(0, "mon_enabled"), "31"},
-                                         {monitor(1, "mon_enabled"), "31"},
-                                         {monitor(2, "mon_enabled"), "31"},
-                                         {kRoot + "sample_ms", "3130300a"},
-                                         {monitor(0, "mon_enabled"), "30"},
-                                         {monitor(1, "mon_enabled"), "30"},
-                                         {monitor(2, "mon_enabled"), "30"}}));
+  EXPECT_EQ(e2e::recorded_writes(8, 0, kRoot), writes_of({{kRoot + "sample_ms", "37"},
+                                                          {monitor(0, "mon_enabled"), "31"},
+                                                          {monitor(1, "mon_enabled"), "31"},
+                                                          {monitor(2, "mon_enabled"), "31"},
+                                                          {kRoot + "sample_ms", "3130300a"},
+                                                          {monitor(0, "mon_enabled"), "30"},
+                                                          {monitor(1, "mon_enabled"), "30"},
+                                                          {monitor(2, "mon_enabled"), "30"}}));
 }
 
 TEST(DramBandwidth, AMonitorThatRefusesItsSwitchFailsInitAndTheOthersAreSwitchedBack) {
@@ -101,16 +97,16 @@ TEST(DramBandwidth, AMonitorThatRefusesItsSwitchFailsInitAndTheOthersAreSwitched
     EXPECT_FALSE(plugin.init());
     EXPECT_EQ(e2e::read_file(monitor(0, "mon_enabled")), "1");
     // The sim logs a write a moment after it; a rewrite before that would hide the first.
-    driver_writes(2);
+    e2e::recorded_writes(2, 0, kRoot);
   }
   const std::string refused = " to '" + monitor(1, "mon_enabled") + "'\n";
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "Failed to write value 1" + refused + "Failed to write value 0" + refused);
   EXPECT_EQ(e2e::read_file(kRoot + "sample_ms"), "100\n");
-  EXPECT_EQ(driver_writes(4), writes_of({{kRoot + "sample_ms", "3530"},
-                                         {monitor(0, "mon_enabled"), "31"},
-                                         {kRoot + "sample_ms", "3130300a"},
-                                         {monitor(0, "mon_enabled"), "30"}}));
+  EXPECT_EQ(e2e::recorded_writes(4, 0, kRoot), writes_of({{kRoot + "sample_ms", "3530"},
+                                                          {monitor(0, "mon_enabled"), "31"},
+                                                          {kRoot + "sample_ms", "3130300a"},
+                                                          {monitor(0, "mon_enabled"), "30"}}));
   EXPECT_EQ(e2e::read_file(monitor(2, "mon_enabled")), "0\n");
 }
 

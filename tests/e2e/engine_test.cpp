@@ -7,7 +7,6 @@
 namespace {
 
 using e2e::lines;
-using e2e::mask_times;
 using e2e::run;
 
 // A report file that cannot be opened costs the file, not the run.
@@ -70,7 +69,7 @@ TEST(EndToEnd, ReportFile) {
     auto result =
         run({"--no-power", "-c", "-t", "2", "--json", "--example", "--file", file}, options);
     EXPECT_EQ(result.exit_code, 0);
-    EXPECT_EQ(e2e::round_seconds(mask_times(result.out)),
+    EXPECT_EQ(e2e::round_seconds(e2e::mask_times(result.out)),
               "{\"sequence\":1,\"timestamp\":1.000,\"device_timestamp\":<epoch>,"
               "\"example\":{\"num_samples\":3,\"num_outputs\":1}}\n"
               "{\"sequence\":2,\"timestamp\":2.000,\"device_timestamp\":<epoch>,"
