@@ -9,13 +9,6 @@ namespace {
 const std::string kDevice3 = "/sys/bus/iio/devices/iio:device3/";
 const std::string kDevice4 = "/sys/bus/iio/devices/iio:device4/";
 
-std::string section(const std::string& out, const std::string& header) {
-  for (const auto& line : e2e::lines(out)) {
-    if (line.rfind(header, 0) == 0) return line;
-  }
-  return "";
-}
-
 TEST(BrantleyRails, RailsByNameInWatts) {
   e2e::write_file(kDevice3 + "available_rails",
                   "0:VPH_S7S8S9A\n1:VPH_S10A\nbroken\n2:VPH_S1S2S3A:extra\n3:VPH_S3C\n");
@@ -29,7 +22,7 @@ TEST(BrantleyRails, RailsByNameInWatts) {
                   "4,1000000,123000\n");
   auto result = e2e::run({"--no-power", "--brantley-rails", "-t", "1"});
   EXPECT_EQ(result.exit_code, 0) << result.err;
-  EXPECT_EQ(section(result.out, "[Rails] "),
+  EXPECT_EQ(e2e::section(result.out, "[Rails] "),
             "[Rails] gold: 1.900W | silver: 0.250W | soc_ram: null | gpu: 1.000W | "
             "ram_contr: 1.000W | dimm1: 0.250W | dimm2: 0.300W | LDO9: 0.123W");
   EXPECT_EQ(result.err.find("ERROR"), std::string::npos) << result.err;
@@ -44,8 +37,8 @@ TEST(BrantleyRails, ProductionHardwareLeavesTheSectionOutAndRunsOn) {
                             "this 'Engineering Sample' hardware?\n"),
             std::string::npos)
       << result.err;
-  EXPECT_EQ(section(result.out, "[Rails]"), "");
-  EXPECT_NE(section(result.out, "[Example] "), "");
+  EXPECT_EQ(e2e::section(result.out, "[Rails]"), "");
+  EXPECT_NE(e2e::section(result.out, "[Example] "), "");
 }
 
 }  // namespace

@@ -4,44 +4,26 @@
 // the state directory, and a way to change its counters once the tool has taken its first
 // snapshot.
 
-#include <dirent.h>
-#include <poll.h>
-#include <sys/inotify.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cctype>
-#include <cstdlib>
+#include <cstdio>
+#include <filesystem>
 #include <functional>
-#include <set>
-#include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "harness.h"
 
 namespace credits {
 
-inline std::string state_dir() {
-  const char* state = std::getenv("EMBERLINE_SIM_STATE");
-  if (state == nullptr) throw std::runtime_error("not inside the simulated headset");
-  return state;
-}
-
 inline std::vector<std::string> entries(const std::string& dir) {
   std::vector<std::string> names;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d)) {
-      if (e->d_name[0] != '.') names.emplace_back(e->d_name);
-    }
-    closedir(d);
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    names.push_back(entry.path().filename());
   }
   return names;
 }
 
 inline std::string task_dir(int pid) {
-  return state_dir() + "/proc/" + std::to_string(pid) + "/task/";
+  return e2e::state_dir() + "/proc/" + std::to_string(pid) + "/task/";
 }
 
 // The thread of `pid` named `comm`; -1 if there is none.
@@ -69,44 +51,13 @@ inline void add_ticks(int pid, int tid, long freq, long ticks) {
   e2e::write_file(path, text);
 }
 
-// Runs the tool and calls `change` as soon as it has read every thread's counters once, which
-// is its first snapshot; the next one is a whole output period later.
+// Runs the tool and calls `change` once it has started its run, after its first snapshot of
+// every thread's counters, which it takes at start; the next one is a whole output period later.
 inline e2e::Result run_changing_after_first_snapshot(const std::vector<std::string>& args,
                                                      const std::function<void()>& change) {
-  int fd = inotify_init1(IN_CLOEXEC);
-  std::size_t threads = 0;
-  for (const std::string& pid : entries(state_dir() + "/proc")) {
-    if (!std::isdigit(static_cast<unsigned char>(pid[0]))) continue;
-    for (const std::string& tid : entries(task_dir(std::stoi(pid)))) {
-      if (inotify_add_watch(fd, (task_dir(std::stoi(pid)) + tid + "/time_in_state").c_str(),
-                            IN_CLOSE_NOWRITE) >= 0) {
-        ++threads;
-      }
-    }
-  }
-  std::atomic<bool> ended = false;
-  std::thread watcher([&] {
-    std::set<int> read;
-    alignas(inotify_event) char buffer[8192];
-    while (read.size() < threads) {
-      pollfd ready{fd, POLLIN, 0};
-      if (ended) return;  // the tool never took its snapshot: nothing to change
-      if (poll(&ready, 1, 100) <= 0) continue;
-      ssize_t got = ::read(fd, buffer, sizeof buffer);
-      if (got <= 0) break;
-      for (char* p = buffer; p < buffer + got;) {
-        auto* event = reinterpret_cast<inotify_event*>(p);
-        read.insert(event->wd);
-        p += sizeof(inotify_event) + event->len;
-      }
-    }
-    change();
-  });
-  e2e::Result result = e2e::run(args);
-  ended = true;
-  watcher.join();
-  close(fd);
-  return result;
+  e2e::Options options;
+  options.once_started = change;
+  return e2e::run(args, options);
 }
 
 }  // namespace credits

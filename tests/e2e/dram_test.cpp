@@ -1,23 +1,14 @@
 // The DRAM bandwidth plugin against the simulated monitor driver: what it sets, what it puts back
-// on each way out, and what a sample tick costs.
+// on each way out, what a sample tick costs, and what it traces.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <map>
-#include <thread>
 
-#include "crash_restore.h"
 #include "harness.h"
 #include "plugins/quillon_dram_bandwidth_plugin.h"
 #include "support/heap_counter.h"
-#include "unit/trace_fixture.h"
 
 namespace {
 
@@ -27,10 +18,6 @@ const std::string kRoot = "/sys/devices/system/cpu/bw_prof/";
 
 std::string monitor(int m, const char* node) {
   return kRoot + "bwmon" + std::to_string(m) + "/" + node;
-}
-
-std::vector<std::string> driver_writes(std::size_t count) {
-  return e2e::recorded_writes(count, 0, kRoot);
 }
 
 std::vector<std::string> writes_of(std::initializer_list<std::pair<std::string, std::string>> w) {
@@ -55,7 +42,7 @@ TEST(DramBandwidth, SetsTheDriverForTheRunAndPutsItBack) {
     QuillonDRAMBandwidthPlugin plugin(7);
     ASSERT_TRUE(plugin.init());
     EXPECT_EQ(e2e::read_file(kRoot + "sample_ms"), "7");
-    driver_writes(4);
+    e2e::recorded_writes(4, 0, kRoot);
     for (int m = 0; m < 3; ++m) EXPECT_EQ(e2e::read_file(monitor(m, "mon_enabled")), "1");
     ASSERT_TRUE(plugin.on_sample());
     EXPECT_EQ(
@@ -74,17 +61,30 @@ TEST(DramBandwidth, SetsTheDriverForTheRunAndPutsItBack) {
     ASSERT_TRUE(plugin.on_sample());
     std::string text = plugin.to_str();
     EXPECT_NE(text.find("cpu_bw_mbps: 80 | gpu_bw_mbps: 512 |"), std::string::npos) << text;
+
+    // Once a tick has grown the buffers to the longest list, ticks neither allocate nor open.
+    std::string long_list;
+    for (int i = 0; i < 300; ++i) long_list += "1\t" + std::to_string(100 + i) + "\t800\t547\n";
+    e2e::write_file(monitor(1, "last_sample"), long_list);
+    ASSERT_TRUE(plugin.on_sample());
+    const int descriptors = heap_counter::open_descriptors();
+    const long news = heap_counter::allocations.load();
+    for (int tick = 0; tick < 2000; ++tick) ASSERT_TRUE(plugin.on_sample());
+    EXPECT_EQ(heap_counter::open_descriptors(), descriptors);
+    if (heap_counter::kReliable) {
+      EXPECT_EQ(heap_counter::allocations.load(), news);
+    }
   }
   EXPECT_EQ(e2e::read_file(kRoot + "sample_ms"), "100\n");
   for (int m = 0; m < 3; ++m) EXPECT_EQ(e2e::read_file(monitor(m, "mon_enabled")), "0");
-  EXPECT_EQ(driver_writes(8), writes_of({{kRoot + "sample_ms", "37"},
-                                         {monitor(0, "mon_enabled"), "31"},
-                                         {monitor(1, "mon_enabled"), "31"},
-                                         {monitor(2, "mon_enabled"), "31"},
-                                         {kRoot + "sample_ms", "3130300a"},
-                                         {monitor(0, "mon_enabled"), "30"},
-                                         {monitor(1, "mon_enabled"), "30"},
-                                         {monitor(2, "mon_enabled"), "30"}}));
+  EXPECT_EQ(e2e::recorded_writes(8, 0, kRoot), writes_of({{kRoot + "sample_ms", "37"},
+                                                          {monitor(0, "mon_enabled"), "31"},
+                                                          {monitor(1, "mon_enabled"), "31"},
+                                                          {monitor(2, "mon_enabled"), "31"},
+                                                          {kRoot + "sample_ms", "3130300a"},
+                                                          {monitor(0, "mon_enabled"), "30"},
+                                                          {monitor(1, "mon_enabled"), "30"},
+                                                          {monitor(2, "mon_enabled"), "30"}}));
 }
 
 TEST(DramBandwidth, AMonitorThatRefusesItsSwitchFailsInitAndTheOthersAreSwitchedBack) {
@@ -97,43 +97,24 @@ TEST(DramBandwidth, AMonitorThatRefusesItsSwitchFailsInitAndTheOthersAreSwitched
     EXPECT_FALSE(plugin.init());
     EXPECT_EQ(e2e::read_file(monitor(0, "mon_enabled")), "1");
     // The sim logs a write a moment after it; a rewrite before that would hide the first.
-    driver_writes(2);
+    e2e::recorded_writes(2, 0, kRoot);
   }
-  std::string err = testing::internal::GetCapturedStderr();
-  std::string refused = "Failed to write value 1 to '" + monitor(1, "mon_enabled") + "'\n";
-  EXPECT_EQ(err, refused + "Failed to write value 0 to '" + monitor(1, "mon_enabled") + "'\n");
+  const std::string refused = " to '" + monitor(1, "mon_enabled") + "'\n";
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Failed to write value 1" + refused + "Failed to write value 0" + refused);
   EXPECT_EQ(e2e::read_file(kRoot + "sample_ms"), "100\n");
-  EXPECT_EQ(driver_writes(4), writes_of({{kRoot + "sample_ms", "3530"},
-                                         {monitor(0, "mon_enabled"), "31"},
-                                         {kRoot + "sample_ms", "3130300a"},
-                                         {monitor(0, "mon_enabled"), "30"}}));
+  EXPECT_EQ(e2e::recorded_writes(4, 0, kRoot), writes_of({{kRoot + "sample_ms", "3530"},
+                                                          {monitor(0, "mon_enabled"), "31"},
+                                                          {kRoot + "sample_ms", "3130300a"},
+                                                          {monitor(0, "mon_enabled"), "30"}}));
   EXPECT_EQ(e2e::read_file(monitor(2, "mon_enabled")), "0\n");
 }
 
-TEST(DramBandwidth, AFatalSignalPutsTheNodesBackThroughTheRestoreTable) {
-  pid_t child = fork();
-  if (child == 0) {
-    static QuillonDRAMBandwidthPlugin* plugin = new QuillonDRAMBandwidthPlugin(20);
-    if (!plugin->init()) _exit(3);
-    std::signal(SIGBUS, [](int sig) {
-      emberline::crash_restore::write_back_all();
-      std::signal(sig, SIG_DFL);
-      std::raise(sig);
-    });
-    std::raise(SIGBUS);
-    _exit(4);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGBUS) << status;
-  EXPECT_EQ(e2e::read_file(kRoot + "sample_ms"), "100\n");
-  for (int m = 0; m < 3; ++m) EXPECT_EQ(e2e::read_file(monitor(m, "mon_enabled")), "0");
-}
-
-// SIGKILL runs nothing of the tool's: the guard it left behind puts the nodes back.
+// A stop signal puts the nodes back on the way out, a fatal one from its handler through the
+// restore table; SIGKILL runs nothing of the tool's: the guard it left behind puts them back.
 TEST(DramBandwidth, ARunEndedBySignalPutsTheNodesBack) {
   lay_out_monitors();
-  for (int signal : {SIGTERM, SIGKILL}) {
+  for (int signal : {SIGTERM, SIGBUS, SIGKILL}) {
     SCOPED_TRACE(strsignal(signal));
     const std::size_t before = e2e::recorded_writes(0).size();
     e2e::Options stop;
@@ -142,6 +123,7 @@ TEST(DramBandwidth, ARunEndedBySignalPutsTheNodesBack) {
         {"--no-power", "--quillon-dram", "--quillon-dram-ms=3", "-s", "10", "-o", "10", "--csv"},
         stop);
     EXPECT_EQ(result.exit_code, signal == SIGTERM ? 0 : -1) << result.err;
+    EXPECT_EQ(result.signal, signal == SIGTERM ? 0 : signal);
     const auto writes = e2e::recorded_writes(8, before, kRoot);
     ASSERT_EQ(writes.size(), 8u);
     EXPECT_EQ(writes.front(), kRoot + "sample_ms 0 33");
@@ -150,59 +132,19 @@ TEST(DramBandwidth, ARunEndedBySignalPutsTheNodesBack) {
   }
 }
 
-TEST(DramBandwidth, ASampleTickNeitherAllocatesNorOpens) {
-  lay_out_monitors();
-  std::string long_list;
-  for (int i = 0; i < 300; ++i) long_list += "1\t" + std::to_string(100 + i % 50) + "\t800\t547\n";
-  e2e::write_file(monitor(1, "last_sample"), long_list);
-  QuillonDRAMBandwidthPlugin plugin(1);
-  ASSERT_TRUE(plugin.init());
-  ASSERT_TRUE(plugin.on_sample());
-  const int descriptors = heap_counter::open_descriptors();
-  const long news = heap_counter::allocations.load();
-  for (int tick = 0; tick < 2000; ++tick) ASSERT_TRUE(plugin.on_sample());
-  EXPECT_EQ(heap_counter::open_descriptors(), descriptors);
-  if (heap_counter::kReliable) {
-    EXPECT_EQ(heap_counter::allocations.load(), news);
-  }
-}
-
+// Counts and bandwidths are integers on their tracks; shares are fractions. Samples fall at 0,
+// 250, ... 1250 ms.
 TEST(DramBandwidth, ElevenCountersFollowEachSample) {
   lay_out_monitors();
   auto result = e2e::run({"-p", "--no-power", "--quillon-dram", "-t", "1", "-s", "250"});
   ASSERT_EQ(result.exit_code, 0) << result.err;
-  std::string path;
-  for (const auto& entry : std::filesystem::directory_iterator("/data/local/tmp")) {
-    if (entry.path().extension() == ".perfetto-trace") path = entry.path();
-  }
-  using namespace trace_test;
-  auto packets = read_trace(path);
-  std::map<std::uint64_t, std::string> names;
-  for (const Message& track : check_trace(packets)) {
-    names[track.varint(kUuid).value_or(0)] = track.text(kName).value_or("");
-  }
-  // Counts and bandwidths are integers on their tracks; shares are fractions.
-  std::vector<std::string> events;
-  for (const Message& packet : packets) {
-    auto event = packet.message(kTrackEvent);
-    if (!event) continue;
-    std::string value = event->int64(kIntValue)
-                            ? std::to_string(*event->int64(kIntValue))
-                            : std::to_string(*event->fixed_double(kDoubleValue));
-    events.push_back(names[event->varint(kTrackUuid).value_or(0)] + " " + value);
-  }
-  const std::vector<std::string> sample = {
-      "CPU BW utilized MB/s 80",      "CPU BW utilized percentage 0.312500",
-      "GPU BW utilized MB/s 256",     "GPU BW utilized percentage 0.250000",
-      "Total BW utilized MB/s 1024",  "Total BW utilized percentage 0.500000",
-      "Total BW available MB/s 2048", "DDR frequency 2735",
-      "CPU BW sample count 2",        "GPU BW sample count 1",
-      "Total BW sample count 2"};
-  // Samples at 0, 250, ... 1250 ms; a loaded machine may end the run a cycle early.
-  ASSERT_EQ(events.size() % sample.size(), 0u);
-  EXPECT_TRUE(events.size() / sample.size() == 6 || events.size() / sample.size() == 5)
-      << events.size();
-  for (std::size_t i = 0; i < events.size(); ++i) EXPECT_EQ(events[i], sample[i % sample.size()]);
+  e2e::expect_each_sample(
+      e2e::counter_events(e2e::only_file(".perfetto-trace")),
+      {"CPU BW utilized MB/s 80", "CPU BW utilized percentage 0.3125", "GPU BW utilized MB/s 256",
+       "GPU BW utilized percentage 0.25", "Total BW utilized MB/s 1024",
+       "Total BW utilized percentage 0.5", "Total BW available MB/s 2048", "DDR frequency 2735",
+       "CPU BW sample count 2", "GPU BW sample count 1", "Total BW sample count 2"},
+      6);
 }
 
 }  // namespace

@@ -7,10 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <thread>
 
 #include "harness.h"
 #include "platform/counter/cntvct.h"
@@ -23,53 +21,25 @@ using emberline::DspTracePlugin;
 using Entry = DspTracePlugin::DspLogEntry;
 constexpr const char* kFifo = "/data/misc/dsp/HexagonTelemetrySharedFIFO";
 
-void clear_tmp() {
-  for (const auto& entry : std::filesystem::directory_iterator("/data/local/tmp")) {
-    std::filesystem::remove(entry.path());
-  }
-}
-
-std::string only_trace_file() {
-  std::vector<std::string> found;
-  for (const auto& entry : std::filesystem::directory_iterator("/data/local/tmp")) {
-    if (entry.path().extension() == ".perfetto-trace") found.push_back(entry.path());
-  }
-  return found.size() == 1 ? found[0] : "";
-}
-
-// Runs the tool while writing `block` into its FIFO as soon as the tool holds it open.
+// Runs the tool and writes `records` as one block into its FIFO once the run has started: the
+// plugin holds the FIFO open from its start, and the trace session is recording by then.
 e2e::Result run_with_block(const std::vector<std::string>& args, const std::vector<Entry>& records,
-                           bool wait_for_session = false, const e2e::Options& options = {}) {
-  e2e::Result result;
-  std::thread tool([&] { result = e2e::run(args, options); });
-  if (!records.empty()) {
-    // The run's session starts after the plugin has made the FIFO, and slices written before
-    // it are only counted. Its file gets its first packet a few instructions before the session
-    // records; the pause covers those.
-    while (wait_for_session &&
-           (only_trace_file().empty() || std::filesystem::file_size(only_trace_file()) == 0)) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    if (wait_for_session) std::this_thread::sleep_for(std::chrono::milliseconds(200));
+                           int signal = 0) {
+  e2e::Options options;
+  options.signal_after_start = signal;
+  options.once_started = [&] {
+    if (records.empty()) return;
     Entry block[DspTracePlugin::kEntriesPerBlock] = {};
     std::copy(records.begin(), records.end(), block);
-    int fd = -1;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (fd < 0 && std::chrono::steady_clock::now() < deadline) {
-      // Fails until the FIFO exists and the tool holds it open.
-      fd = ::open(kFifo, O_WRONLY | O_NONBLOCK);
-      if (fd < 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    const int fd = ::open(kFifo, O_WRONLY | O_NONBLOCK);
     EXPECT_GE(fd, 0);
     EXPECT_EQ(::write(fd, block, sizeof block), static_cast<ssize_t>(sizeof block));
     ::close(fd);
-  }
-  tool.join();
-  return result;
+  };
+  return e2e::run(args, options);
 }
 
 TEST(DspTrace, BlocksBecomeReportedSlicesAndTheFifoGoesAway) {
-  clear_tmp();
   ASSERT_FALSE(std::filesystem::exists(kFifo));
   const std::uint64_t now = emberline::platform::cntvct_to_us(emberline::platform::read_cntvct());
   const std::vector<Entry> records{
@@ -77,22 +47,19 @@ TEST(DspTrace, BlocksBecomeReportedSlicesAndTheFifoGoesAway) {
       {"dma", 22, now + 100, now + 300, 0, 5, {}, {-8}, 12, 0},
       {"conv", 11, now + 3000, now + 4500, 0, 7, {}, {}, 7, 0},
   };
-  auto result = run_with_block({"--no-power", "--dsp-trace", "--json", "-t", "2"}, records, true);
+  auto result = run_with_block({"--no-power", "--dsp-trace", "--json", "-t", "2"}, records);
   EXPECT_EQ(result.exit_code, 0) << result.err;
   EXPECT_FALSE(std::filesystem::exists(kFifo));
   EXPECT_EQ(result.err.find("Failed to create dsp"), std::string::npos) << result.err;
 
-  // One block, handled at once: all of it in one report, nothing in the others.
-  const std::string full = R"("dsp_trace":{"time_slice_map":{"conv":2,"dma":0.2},"num_slices":3})";
-  const std::string empty = R"("dsp_trace":{"time_slice_map":null,"num_slices":0})";
-  int full_reports = 0;
-  for (const std::string& line : e2e::lines(result.out)) {
-    full_reports += line.find(full) != std::string::npos;
-    EXPECT_TRUE(line.find(full) != std::string::npos || line.find(empty) != std::string::npos);
-  }
-  EXPECT_EQ(full_reports, 1) << result.out;
+  // One block, handled at once: all of it in the first report, nothing in the second.
+  const auto reports = e2e::lines(result.out);
+  ASSERT_EQ(reports.size(), 2u);
+  EXPECT_TRUE(reports[0].ends_with(
+      R"("dsp_trace":{"time_slice_map":{"conv":2,"dma":0.2},"num_slices":3}})"));
+  EXPECT_TRUE(reports[1].ends_with(R"("dsp_trace":{"time_slice_map":null,"num_slices":0}})"));
 
-  const std::string path = only_trace_file();
+  const std::string path = e2e::only_file(".perfetto-trace");
   ASSERT_NE(path, "");
   const std::string none = " dsp_hmx=0 dsp_pkts=0 dsp_hvx_pkt=0";
   EXPECT_EQ(trace_test::slice_events(trace_test::read_trace(path)),
@@ -110,40 +77,34 @@ TEST(DspTrace, BlocksBecomeReportedSlicesAndTheFifoGoesAway) {
 // goes on every way out, a fatal signal (which runs no destructor) included.
 TEST(DspTrace, WaysInAndOut) {
   struct Case {
-    const char* what;
     void (*prepare)();
     std::vector<Entry> records;
     int signal;
     std::string err, out;
   } cases[] = {
-      {"left over",
-       [] { ::mkfifo(kFifo, 0666); },
+      {[] { ::mkfifo(kFifo, 0666); },
        {{"left", 1, 0, 1000, 0, 0, {}, {}, 3, 0}},
        0,
        "Failed to create dsp trace pipe: File exists\n",
        R"("num_slices":1)"},
-      {"no directory",
-       [] { std::filesystem::remove_all("/data/misc"); },
+      {[] { std::filesystem::remove_all("/data/misc"); },
        {},
        0,
        "Failed to create dsp data directory: No such file or directory\n"
        "Failed to set SELinux context on dsp data directory\n"
        "Failed to create dsp trace pipe: No such file or directory\n",
        R"("dsp_trace":{"time_slice_map":null,"num_slices":0})"},
-      {"SIGTERM", [] {}, {}, SIGTERM, "", ""},
-      {"SIGSEGV", [] {}, {}, SIGSEGV, "", ""},
+      {[] {}, {}, SIGSEGV, "", ""},
   };
   for (const Case& c : cases) {
-    clear_tmp();
+    SCOPED_TRACE(c.signal ? strsignal(c.signal) : c.err);
     c.prepare();
-    e2e::Options options;
-    options.signal_after_start = c.signal;
-    auto result = run_with_block({"--no-power", "--dsp-trace", "--json", "-t", "1"}, c.records,
-                                 false, options);
+    auto result =
+        run_with_block({"--no-power", "--dsp-trace", "--json", "-t", "1"}, c.records, c.signal);
     std::filesystem::create_directories("/data/misc/dsp");
-    EXPECT_NE(result.err.find(c.err), std::string::npos) << c.what << result.err;
-    EXPECT_NE(result.out.find(c.out), std::string::npos) << c.what << result.out;
-    EXPECT_FALSE(std::filesystem::exists(kFifo)) << c.what;
+    EXPECT_NE(result.err.find(c.err), std::string::npos) << result.err;
+    EXPECT_NE(result.out.find(c.out), std::string::npos) << result.out;
+    EXPECT_FALSE(std::filesystem::exists(kFifo));
     std::filesystem::remove(kFifo);
   }
 }

@@ -1,7 +1,8 @@
 #pragma once
 
-// Runs the real emberline binary as a child process and collects what it wrote. Meant to run
-// inside the simulated headset, where the device's paths exist.
+// Runs the real emberline binary as a child process and collects what it wrote, and reads back
+// what the run left in the simulated headset: recorded node writes, report and trace files.
+// Meant to run inside the simulated headset, where the device's paths exist.
 
 #include <linux/capability.h>
 #include <sys/prctl.h>
@@ -10,52 +11,52 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
+#include <map>
 #include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "support/process.h"
+#include "unit/trace_fixture.h"
 
 namespace e2e {
 
 using test_support::lines;
 using test_support::read_file;
 using test_support::write_file;
-
-struct Result {
-  int exit_code = -1;  // -1 when the tool died by a signal
-  int signal = 0;      // the signal that ended it, if one did
-  std::string out;
-  std::string err;
-};
+// exit_code is -1 when the tool died by a signal, and signal then names it.
+using Result = test_support::Outcome;
 
 struct Options {
-  // Sent once the tool has announced its run on the standard error stream.
+  // Called, and then sent, once the tool has announced its run on the standard error stream: by
+  // then every plugin has started.
+  std::function<void()> once_started;
   int signal_after_start = 0;
   // Runs the tool as root without the right to override file permissions, so that a read-only
   // node refuses it as it refuses an unprivileged shell on a headset.
   bool without_dac_override = false;
   // Stops reading the tool's reports after this many lines, as `| head -N` would.
   std::size_t close_out_after_lines = 0;
-  // A fatal signal leaves no core file behind in the test's directory.
-  bool without_core_dump = false;
   // Sees everything the tool has written so far on each of its output streams, as it comes.
   std::function<void(const std::string& out, const std::string& err)> watch;
 };
 
-// Root regains its capabilities at exec from the bounding set, the inheritable set and the
-// ambient set (which the sandbox fills), so the capability leaves all three.
-inline bool drop_dac_override_across_exec() {
+// Takes `capability` from every command started from here on. Root regains its capabilities at
+// exec from the bounding set, the inheritable set and the ambient set (which the sandbox fills),
+// so the capability leaves all three.
+inline bool drop_across_exec(int capability) {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
   __user_cap_data_struct data[2]{};
   if (syscall(SYS_capget, &header, data) != 0) return false;
-  data[0].inheritable &= ~(1u << CAP_DAC_OVERRIDE);
+  data[0].inheritable &= ~(1u << capability);
   return syscall(SYS_capset, &header, data) == 0 &&
          prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0) == 0 &&
-         prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE, 0, 0, 0) == 0;
+         prctl(PR_CAPBSET_DROP, capability, 0, 0, 0) == 0;
 }
 
 inline Result run(const std::vector<std::string>& args, const Options& options = {}) {
@@ -63,28 +64,26 @@ inline Result run(const std::vector<std::string>& args, const Options& options =
   argv.insert(argv.end(), args.begin(), args.end());
   test_support::Launch launch;
   launch.in_child = [&options] {
-    if (options.without_core_dump) {
-      rlimit none{0, 0};
-      setrlimit(RLIMIT_CORE, &none);
-    }
-    return !options.without_dac_override || drop_dac_override_across_exec();
+    // A fatal signal leaves no core file behind in the test's directory.
+    rlimit none{0, 0};
+    setrlimit(RLIMIT_CORE, &none);
+    return !options.without_dac_override || drop_across_exec(CAP_DAC_OVERRIDE);
   };
-  bool signalled = options.signal_after_start == 0;
+  bool started = false;
   std::string out, err;
-  std::size_t out_lines = 0;
   launch.on_output = [&](pid_t pid, int fd, const std::string& piece) {
     (fd == 1 ? out : err) += piece;
-    if (fd == 1)
-      out_lines += static_cast<std::size_t>(std::count(piece.begin(), piece.end(), '\n'));
     if (options.watch) options.watch(out, err);
-    if (!signalled && err.find("Press CTRL-C to stop...\n") != std::string::npos) {
-      kill(pid, options.signal_after_start);
-      signalled = true;
+    if (!started && err.find("Press CTRL-C to stop...\n") != std::string::npos) {
+      started = true;
+      if (options.once_started) options.once_started();
+      if (options.signal_after_start != 0) kill(pid, options.signal_after_start);
     }
-    return options.close_out_after_lines == 0 || out_lines < options.close_out_after_lines;
+    return options.close_out_after_lines == 0 ||
+           static_cast<std::size_t>(std::count(out.begin(), out.end(), '\n')) <
+               options.close_out_after_lines;
   };
-  test_support::Outcome o = test_support::run_process(argv, launch);
-  return {o.exit_code, o.signal, std::move(o.out), std::move(o.err)};
+  return test_support::run_process(argv, launch);
 }
 
 // Reports carry wall-clock times; tests compare them in this shape.
@@ -114,16 +113,22 @@ inline std::string round_seconds(const std::string& text) {
   return out;
 }
 
+// Where the simulated headset keeps its files, /proc's and the log of node writes included.
+inline std::string state_dir() {
+  const char* state = std::getenv("EMBERLINE_SIM_STATE");
+  if (state == nullptr) throw std::runtime_error("not inside the simulated headset");
+  return state;
+}
+
 // "PATH OFFSET HEX" of each write the headset recorded into nodes under `prefix`, without its
 // time, from the `skip`th on. The sim logs a write a moment after it was made, so this waits
 // (boundedly) for `count` of them.
 inline std::vector<std::string> recorded_writes(std::size_t count, std::size_t skip = 0,
                                                 const std::string& prefix = "/") {
-  const std::string log = std::string(std::getenv("EMBERLINE_SIM_STATE")) + "/writes.log";
   std::vector<std::string> writes;
   for (int attempt = 0; attempt < 500; ++attempt) {
     writes.clear();
-    auto all = lines(read_file(log));
+    auto all = lines(read_file(state_dir() + "/writes.log"));
     for (std::size_t i = skip; i < all.size(); ++i) {
       std::string write = all[i].substr(all[i].find(' ') + 1);
       if (write.starts_with(prefix)) writes.push_back(write);
@@ -132,6 +137,90 @@ inline std::vector<std::string> recorded_writes(std::size_t count, std::size_t s
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return writes;
+}
+
+inline const char* const kChargingNodes[] = {
+    "/sys/class/qcom-battery/input_suspend",
+    "/sys/class/power_supply/battery/input_suspend",
+    "/sys/class/power_supply/usb/input_suspend",
+    "/sys/class/power_supply/wireless/input_suspend",
+};
+
+// Every charging node suspended, then every one given back, once each.
+inline std::vector<std::string> charging_suspended_then_resumed() {
+  std::vector<std::string> expected;
+  for (const char* byte : {"31", "30"}) {
+    for (const char* node : kChargingNodes) expected.push_back(std::string(node) + " 0 " + byte);
+  }
+  return expected;
+}
+
+// The one line of a text report that starts with `header`, or "" if there is none.
+inline std::string section(const std::string& out, const std::string& header) {
+  for (const auto& line : lines(out)) {
+    if (line.starts_with(header)) return line;
+  }
+  return "";
+}
+
+// The one file of that extension the runs left in /data/local/tmp, or "" if there is not one.
+inline std::string only_file(const std::string& extension) {
+  std::vector<std::string> found;
+  for (const auto& entry : std::filesystem::directory_iterator("/data/local/tmp")) {
+    if (entry.path().extension() == extension) found.push_back(entry.path());
+  }
+  return found.size() == 1 ? found[0] : "";
+}
+
+// A double to its last digit.
+inline std::string digits(double value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.17g", value);
+  return text;
+}
+
+// The counter events of a trace in order, as "TRACK VALUE" with integers as written and doubles
+// to their last digit. Each counter's track must hang under the process and every event be a
+// counter on the monotonic clock, in time order.
+inline std::vector<std::string> counter_events(const std::string& path) {
+  using namespace trace_test;
+  const auto packets = read_trace(path);
+  std::map<std::uint64_t, std::string> names;
+  std::uint64_t process = 0;
+  for (const Message& track : check_trace(packets)) {
+    if (track.message(kProcess)) {
+      process = track.varint(kUuid).value_or(0);
+      continue;
+    }
+    EXPECT_EQ(track.varint(kParent), process);
+    EXPECT_TRUE(track.message(kCounterInfo));
+    names[track.varint(kUuid).value_or(0)] = track.text(kName).value_or("");
+  }
+  std::vector<std::string> events;
+  std::uint64_t last_time = 0;
+  for (const Message& packet : packets) {
+    auto event = packet.message(kTrackEvent);
+    if (!event) continue;
+    EXPECT_EQ(event->varint(kType), kCounter);
+    EXPECT_EQ(packet.varint(kClockId), 3u);
+    EXPECT_GE(packet.varint(kTimestamp).value_or(0), last_time);
+    last_time = packet.varint(kTimestamp).value_or(0);
+    auto integer = event->int64(kIntValue);
+    events.push_back(names[event->varint(kTrackUuid).value_or(0)] + " " +
+                     (integer ? std::to_string(*integer)
+                              : digits(event->fixed_double(kDoubleValue).value_or(-1))));
+  }
+  return events;
+}
+
+// Samples `cycles` times over a run, each emitting `sample`; a loaded machine may end the run a
+// cycle early.
+inline void expect_each_sample(const std::vector<std::string>& events,
+                               const std::vector<std::string>& sample, std::size_t cycles) {
+  EXPECT_TRUE(events.size() == cycles * sample.size() ||
+              events.size() == (cycles - 1) * sample.size())
+      << events.size();
+  for (std::size_t i = 0; i < events.size(); ++i) EXPECT_EQ(events[i], sample[i % sample.size()]);
 }
 
 }  // namespace e2e

@@ -7,7 +7,6 @@
 
 #include <cstdlib>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "support/process.h"
@@ -25,20 +24,13 @@ class SkipEverything : public testing::Environment {
   std::string reason;
 };
 
-bool only_listing(const std::vector<std::string>& args) {
-  for (const auto& arg : args) {
-    if (std::string_view(arg).starts_with("--gtest_list_tests")) return true;
-  }
-  return false;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   // Google Test takes its own flags out of argv, and the run inside the sim needs them too.
   const std::vector<std::string> original(argv + 1, argv + argc);
   testing::InitGoogleTest(&argc, argv);
-  if (std::getenv(kInsideVariable) == nullptr && !only_listing(original)) {
+  if (std::getenv(kInsideVariable) == nullptr && !GTEST_FLAG_GET(list_tests)) {
     if (const auto& reason = test_support::sandbox_unavailable(EMBERLINE_SIM)) {
       testing::AddGlobalTestEnvironment(new SkipEverything(*reason));
     } else {
