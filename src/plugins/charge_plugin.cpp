@@ -144,7 +144,7 @@ bool ChargePlugin::on_output() {
   char line[256];
   for (Row& row : rows) {
     if (row.file == nullptr) continue;
-    std::rewind(row.file);
+    os::rewind_node(row.file);
     // A failed read must not show the previous row's text, nor an old reading as a fresh one.
     if (std::fgets(line, 255, row.file) == nullptr) {
       if (row.text) row.text->set_null();

@@ -1,7 +1,5 @@
 #include "plugins/power_sampler.h"
 
-#include <stdio_ext.h>
-
 #include <iostream>
 
 #include "platform/os/node.h"
@@ -48,12 +46,8 @@ bool PowerSampler::init() {
 }
 
 void PowerSampler::read_sample() {
-  // The kernel formats a fresh value only for a read from offset 0. glibc's rewind keeps the
-  // buffer when offset 0 still lies in it, so the buffer is dropped first.
-  __fpurge(current_file);
-  __fpurge(voltage_file);
-  std::rewind(current_file);
-  std::rewind(voltage_file);
+  os::rewind_node(current_file);
+  os::rewind_node(voltage_file);
   read_numbers(current_file, voltage_file);
 }
 

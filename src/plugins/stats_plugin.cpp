@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <stdio_ext.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -572,12 +571,7 @@ std::FILE* StatsPlugin::open_kept(KeptFile& kept, const char* path) {
     kept.file = os::open_node_file(path);
     kept.tried = true;
   }
-  if (kept.file != nullptr) {
-    // The kernel formats a fresh value only for a read from offset 0, and glibc's rewind keeps
-    // the buffer when offset 0 still lies in it, so the buffer goes first.
-    __fpurge(kept.file);
-    std::rewind(kept.file);
-  }
+  if (kept.file != nullptr) os::rewind_node(kept.file);
   return kept.file;
 }
 

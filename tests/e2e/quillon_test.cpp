@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "harness.h"
+#include "plugins/charge_plugin.h"
 
 namespace {
 
@@ -79,6 +80,27 @@ TEST(Quillon, AllShowsEveryChargeAttributeAndTheInstrumentedHardware) {
   EXPECT_EQ(result.err,
             "ERROR: Failed to find node file '/sys/class/power_supply/usb/typec_power_role'.\n"
             "ERROR: Failed to initialize plugin 'charge'\n");
+}
+
+// The nodes stay open for the run: each output must read what they hold now, not what the first
+// read left in a stream's buffer.
+TEST(Quillon, ChargeAttributesAreReadAfreshAtEveryOutput) {
+  const std::string usb = "/sys/class/power_supply/usb/";
+  auto charge = std::make_shared<emberline::ChargePlugin>();
+  ASSERT_TRUE(charge->init());
+  // The node's new text, and what the report shows of it.
+  const char* steps[][4] = {
+      {"3000000\n", "Max=3.000A,", "[source] sink", "Role=[source] sink,"},
+      {"500000\n", "Max=0.500A,", "sink\n", "Role=sink,"},
+      {"12500000\n", "Max=12.500A,", "source [sink]\n", "Role=source [sink],"}};
+  for (auto [max, shown_max, role, shown_role] : steps) {
+    e2e::write_file(usb + "current_max", max);
+    e2e::write_file(usb + "typec_power_role", role);
+    ASSERT_TRUE(charge->on_output());
+    const std::string shown = charge->to_inline_str();
+    EXPECT_NE(shown.find(shown_max), std::string::npos) << shown;
+    EXPECT_NE(shown.find(shown_role), std::string::npos) << shown;
+  }
 }
 
 TEST(QuillonRails, OneFieldPerHexadecimalRailDirectory) {

@@ -97,6 +97,37 @@ TEST_F(Node, NodeStreamReadsAsAnIfstream) {
   EXPECT_TRUE(node.fail()) << "closing what is closed fails";
 }
 
+// Kept open for the run, a node must show what it holds now after each rewind, however much of it
+// the last read took: up to a line end, a number, or everything.
+TEST_F(Node, RewoundNodesShowTheirNewText) {
+  using Reader = std::string (*)(std::FILE*);
+  const Reader readers[] = {
+      [](std::FILE* f) {
+        char line[64] = {};
+        return std::string(std::fgets(line, sizeof line, f) ? line : "failed");
+      },
+      [](std::FILE* f) {
+        long number = 0;
+        return std::fscanf(f, "%ld", &number) == 1 ? std::to_string(number) : "failed";
+      },
+      [](std::FILE* f) {
+        char all[64];
+        return std::string(all, std::fread(all, 1, sizeof all, f));
+      },
+  };
+  write_file(path, "1500000\n");
+  std::FILE* file = emberline::os::open_node_file(path);
+  ASSERT_NE(file, nullptr);
+  for (std::size_t r = 0; r < std::size(readers); ++r) {
+    for (const std::string text : {"3000000\n", "500000\n", "42", "12500000\n", "7\n"}) {
+      write_file(path, text);
+      emberline::os::rewind_node(file);
+      EXPECT_EQ(readers[r](file), r == 1 ? std::to_string(std::stol(text)) : text) << r;
+    }
+  }
+  std::fclose(file);
+}
+
 // A FIFO in a node's place, with a writer that never writes: every way of reading a node gives
 // up at once instead of waiting for good (a hang here ends the test by the alarm).
 TEST_F(Node, NodesThatNeverAnswerReadAsFailedAtOnce) {

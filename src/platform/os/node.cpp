@@ -1,5 +1,6 @@
 #include "platform/os/node.h"
 
+#include <stdio_ext.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,6 +17,15 @@ std::FILE* open_node_file(const char* path) {
   std::FILE* file = ::fdopen(fd, "r");
   if (file == nullptr) ::close(fd);
   return file;
+}
+
+void rewind_node(std::FILE* file) {
+  // Each C library keeps its buffer across a seek that lands inside it, each by its own test:
+  // dropping the buffer defeats bionic's, and a flush, which makes glibc forget where the buffer
+  // stands in the file, defeats glibc's. Then the seek really goes to the file.
+  __fpurge(file);
+  std::fflush(file);
+  std::rewind(file);
 }
 
 bool NodeBuf::open(const std::string& path) {

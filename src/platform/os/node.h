@@ -26,6 +26,11 @@ inline std::FILE* open_node_file(const std::string& path) {
   return open_node_file(path.c_str());
 }
 
+// Back to offset 0 with nothing buffered. The kernel formats a fresh value only for a read from
+// offset 0, and a plain rewind keeps the buffer when offset 0 still lies in it, which gives the
+// first reading again and again.
+void rewind_node(std::FILE* file);
+
 // What std::filebuf does for reading, over a descriptor of open_node. Seeking goes to a position
 // of the file and drops what was buffered, so that a node re-read from 0 shows a fresh value.
 class NodeBuf : public std::streambuf {
