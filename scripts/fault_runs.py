@@ -90,7 +90,7 @@ GONE_AT_READ = ("Unable to get Thermal HAL V2.0\n"
 class Plan:
     """One run's draw; printed so that a failure can be told and replayed."""
 
-    def __init__(self, rng, disk_full_mode, fifo_stall):
+    def __init__(self, rng, disk_full_mode):
         self.profile = rng.choice(sorted(PLUGIN_SETS))
         self.plugins = list(rng.choice(PLUGIN_SETS[self.profile]))
         if rng.random() < 0.2:
@@ -108,8 +108,8 @@ class Plan:
                                  "signal", "thermal"])
         self.detail = {}
         if self.fault == "node":
-            kinds = ["vanish", "unreadable", "garbage", "huge", "still"]
-            self.detail = {"kind": rng.choice(kinds + (["fifo"] if fifo_stall else [])),
+            kinds = ["vanish", "unreadable", "garbage", "huge", "still", "fifo", "silent fifo"]
+            self.detail = {"kind": rng.choice(kinds),
                            "when": rng.choice(["before", "during"]),
                            "pick": rng.random()}
             self.frozen = rng.random() < 0.5
@@ -210,7 +210,10 @@ def fault_target(plan, state):
                 dev = device_path(state, path)
                 if not os.path.isfile(path) or dev in WRITTEN or dev.endswith("input_suspend"):
                     continue
-                if dev == "/proc/stat" and plan.detail["kind"] in ("vanish", "still", "fifo"):
+                if dev == "/proc/stat" and plan.detail["kind"] not in ("garbage", "huge", "unreadable"):
+                    continue
+                # The log buffer is the simulated logcat's to read, not the tool's.
+                if dev.startswith("/.emberline-sim/") and "fifo" in plan.detail["kind"]:
                     continue
                 candidates.append(path)
     if not candidates:
@@ -225,6 +228,7 @@ def rewrite_in_place(path, data):
 
 
 def apply_node_fault(kind, path, rng):
+    """Returns a descriptor to hold for the rest of the run, if the fault needs one."""
     if kind == "vanish":
         os.remove(path)
     elif kind == "unreadable":
@@ -241,9 +245,13 @@ def apply_node_fault(kind, path, rng):
         os.remove(path)
         with open(path, "wb") as f:
             f.write(data)
-    elif kind == "fifo":
+    elif kind in ("fifo", "silent fifo"):
+        # A node that never answers: with no writer an open would wait, with a silent one a read.
         os.remove(path)
         os.mkfifo(path)
+        if kind == "silent fifo":
+            return os.open(path, os.O_RDWR | os.O_NONBLOCK)
+    return None
 
 
 def dsp_writer(fifo, plan, rng, stop):
@@ -382,6 +390,7 @@ def execute(plan, build, seed, timeout_s):
                         frozen=plan.frozen, wrapper=wrapper)
     stop = threading.Event()
     writer = None
+    held = None  # a silent FIFO writer's descriptor
     try:
         if not run.wait_ready(30):
             outcome.check(False, "the sim never reached the gate")
@@ -397,7 +406,7 @@ def execute(plan, build, seed, timeout_s):
             else:
                 plan.detail["target"] = device_path(state, target)
             if target and plan.detail["when"] == "before":
-                apply_node_fault(plan.detail["kind"], target, rng)
+                held = apply_node_fault(plan.detail["kind"], target, rng)
         if plan.fault == "charging":
             os.chmod(host_path(state, plan.detail["node"]), 0o444)
         if plan.fault == "signal" and plan.detail["signal"] == "SIGPIPE":
@@ -410,7 +419,7 @@ def execute(plan, build, seed, timeout_s):
         if plan.fault == "node" and target and plan.detail["when"] == "during":
             if wait_for_loop(run, plan, timeout_s):
                 time.sleep(rng.uniform(0, 0.5))
-                apply_node_fault(plan.detail["kind"], target, rng)
+                held = apply_node_fault(plan.detail["kind"], target, rng)
         if plan.fault == "dsp":
             fifo = host_path(state, "/data/misc/dsp/HexagonTelemetrySharedFIFO")
             writer = threading.Thread(target=dsp_writer, args=(fifo, plan, rng, stop), daemon=True)
@@ -435,6 +444,8 @@ def execute(plan, build, seed, timeout_s):
         judge(plan, run, code, state, initial, outcome)
     finally:
         stop.set()
+        if held is not None:
+            os.close(held)
         if run.proc.poll() is None:
             run.kill()
     return outcome, state
@@ -697,8 +708,6 @@ def main():
     parser.add_argument("--build", default=simrun.DEFAULT_BUILD)
     parser.add_argument("--only", type=int, default=None, help="replay this run only")
     parser.add_argument("--keep", action="store_true", help="keep each failed run's state dir")
-    parser.add_argument("--fifo-stall", action="store_true",
-                        help="also replace nodes by a FIFO nobody writes (the tool hangs on one)")
     args = parser.parse_args()
     seed = args.seed if args.seed is not None else random.SystemRandom().randrange(1, 1 << 31)
     mode = disk_full_mode(args.build)
@@ -707,7 +716,7 @@ def main():
     failed = missed = 0
     for k in runs:
         rng = random.Random(f"{seed}:{k}")
-        plan = Plan(rng, mode, args.fifo_stall)
+        plan = Plan(rng, mode)
         timeout_s = (plan.time or 4) + 20
         began = time.monotonic()
         outcome, state = execute(plan, args.build, rng.randrange(1, 1 << 31), timeout_s)
