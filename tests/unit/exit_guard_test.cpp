@@ -42,7 +42,7 @@ void kill_child_after(const Case& c, const std::string& first, const std::string
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   pid_t child = fork();
   if (child == 0) {
-    int slot = cr::remember(::open(first.c_str(), O_WRONLY), "1");
+    int slot = cr::remember(::open(first.c_str(), O_WRONLY), "100\n");
     cr::start_exit_guard();
     if (c.forget_first) cr::forget(slot);
     cr::remember(::open(second.c_str(), O_WRONLY), "2");
@@ -57,8 +57,8 @@ void kill_child_after(const Case& c, const std::string& first, const std::string
 
 TEST(ExitGuard, WritesBackEveryEntryItWasGivenWhenTheProcessIsKilled) {
   const Case cases[] = {
-      {"a guard knows only what came before it", false, false, false, "1", "x"},
-      {"a restarted guard knows every entry", false, true, false, "1", "2"},
+      {"a guard knows only what came before it", false, false, false, "100\n", "x"},
+      {"a restarted guard knows every entry", false, true, false, "100\n", "2"},
       {"a replaced guard goes without writing", true, true, false, "x", "2"},
       {"a dismissed guard writes nothing", false, true, true, "x", "x"},
   };
@@ -76,6 +76,11 @@ TEST(ExitGuard, WritesBackEveryEntryItWasGivenWhenTheProcessIsKilled) {
     std::remove(second.c_str());
     rmdir(dir);
   }
+  // An entry holds at most 64 bytes.
+  const int full = cr::remember(1, std::string(64, 'x'));
+  EXPECT_GE(full, 0);
+  cr::forget(full);
+  EXPECT_EQ(cr::remember(1, std::string(65, 'x')), -1);
 }
 
 }  // namespace
