@@ -39,21 +39,11 @@ TEST(TimeInState, BooksTimeAndCyclesByTheClusterAbove) {
 }
 
 TEST(TimeInState, NumbersAreReadAsSscanfReadsThem) {
-  const char* lines[] = {"300000 10",
-                         "  7\t-3 ",
-                         "5-3",
-                         "+4 +2",
-                         "abc 5",
-                         "5 abc",
-                         "- 5",
-                         "5e3 2",
-                         "0x10 1",
-                         "",
-                         "   ",
-                         "010 08",
-                         "-0 -",
-                         "99999999999999999999 3",
+  // clang-format off
+  const char* lines[] = {"300000 10", "  7\t-3 ", "5-3", "+4 +2", "abc 5", "5 abc", "- 5", "5e3 2",
+                         "0x10 1", "", "   ", "010 08", "-0 -", "99999999999999999999 3",
                          "1 -99999999999999999999"};
+  // clang-format on
   for (const char* line : lines) {
     long freq = 0, time = 0, want_freq = 0, want_time = 0;
     std::sscanf(line, "%ld%ld", &want_freq, &want_time);
@@ -81,11 +71,10 @@ TEST(CyclesToCredit, WeighsCyclesPerMillisecondByTheClusterFactor) {
   } cases[] = {
       {{{4, 100000000}}, 1000000, ChipsetType::EIGHT_CORE, 905.0, {{4, 905.0}}},
       {{{0, 100000000}}, 1000000, ChipsetType::EIGHT_CORE, 296.0, {{0, 296.0}}},
-      {{{3, 1000000}, {7, 2000000}},
-       2000000,
-       ChipsetType::EIGHT_CORE,
-       1.48 + 9.05,
+      // clang-format off
+      {{{3, 1000000}, {7, 2000000}}, 2000000, ChipsetType::EIGHT_CORE, 1.48 + 9.05,
        {{3, 1.48}, {7, 9.05}}},
+      // clang-format on
       {{{5, 5000000}}, 1000000, ChipsetType::SIX_CORE, 46.725, {{5, 46.725}}},
       // Whole milliseconds only: 1999 us count as one.
       {{{0, 1000}}, 1999, ChipsetType::EIGHT_CORE, 2.96, {{0, 2.96}}},
@@ -162,12 +151,9 @@ TEST(SnapshotDelta, PairsThreadsAndCreditsTheirDifferences) {
   EXPECT_EQ(deltas[3].duration, microseconds(0));
   EXPECT_EQ(deltas[3].credits, -1.0);
   EXPECT_TRUE(deltas[3].credits_per_cluster.empty());
-}
 
-TEST(SnapshotDelta, NothingWithoutBothSnapshots) {
-  std::vector<ProcStats> one{thread(1, 1, 0, {{0, 1}})};
-  EXPECT_TRUE(ProcSnapshotDelta({}, one, ChipsetType::EIGHT_CORE, false).empty());
-  EXPECT_TRUE(ProcSnapshotDelta(one, {}, ChipsetType::EIGHT_CORE, false).empty());
+  EXPECT_TRUE(ProcSnapshotDelta({}, later, ChipsetType::EIGHT_CORE, false).empty());
+  EXPECT_TRUE(ProcSnapshotDelta(earlier, {}, ChipsetType::EIGHT_CORE, false).empty());
 }
 
 TEST(SnapshotDelta, PerFrequencyTimesSubtractWhereBothHaveThem) {
