@@ -60,46 +60,31 @@ void expect_same(const StatsPlugin::CpuStats& s, const std::vector<std::vector<f
 }
 
 TEST(StatsParsers, WordsSplitAtBlanksAndNumbersLeaveOutWordsWithoutOne) {
+  // clang-format off
   // Line, first word, what the line keeps.
-  for (auto [line, word, rest] :
-       std::vector<std::array<std::string, 3>>{{"cpu0 12 34", "cpu0", "12 34"},
-                                               {"cpu  12 34", "cpu", "12 34"},
-                                               {"34", "34", ""},
-                                               {"", "", ""},
-                                               {"intr x 5", "intr", "5"},
-                                               {"a b", "a", "b"},
-                                               {"cpu0\t12 34", "cpu0\t12", "34"},
-                                               {" 12 34", "12 34", ""},
-                                               {"12 ", "12", ""}}) {
+  for (auto [line, word, rest] : std::vector<std::array<std::string, 3>>{
+           {"cpu0 12 34", "cpu0", "12 34"}, {"cpu  12 34", "cpu", "12 34"}, {"34", "34", ""},
+           {"", "", ""}, {"intr x 5", "intr", "5"}, {"a b", "a", "b"},
+           {"cpu0\t12 34", "cpu0\t12", "34"}, {" 12 34", "12 34", ""}, {"12 ", "12", ""}}) {
     EXPECT_EQ(get_first_word(line), word) << line;
     EXPECT_EQ(line, rest) << word;
   }
   for (auto [text, numbers] : std::vector<std::pair<std::string, Row>>{
-           {"47 15 11 162 52 0 3 0 0 0", {47, 15, 11, 162, 52, 0, 3, 0, 0, 0}},
-           {"", {}},
-           {"12  34", {12, 34}},
-           {"12 x 34", {12, 34}},
-           {"12 34 abc", {12, 34}},
-           {"abc", {}},
-           {"7abc 8", {7, 8}},
-           {"18446744073709551615 1", {18446744073709551615ul, 1}},
+           {"47 15 11 162 52 0 3 0 0 0", {47, 15, 11, 162, 52, 0, 3, 0, 0, 0}}, {"", {}},
+           {"12  34", {12, 34}}, {"12 x 34", {12, 34}}, {"12 34 abc", {12, 34}}, {"abc", {}},
+           {"7abc 8", {7, 8}}, {"18446744073709551615 1", {18446744073709551615ul, 1}},
            {"18446744073709551616 1", {1}}}) {
     EXPECT_EQ(get_cpu_stat(text), numbers) << text;
     EXPECT_EQ(text, "");
   }
   using P = std::optional<std::pair<int, int>>;
-  for (auto [line, cluster] : std::vector<std::pair<std::string, P>>{{"0 1 2 3\n", P({0, 3})},
-                                                                     {"4 5 7", P({4, 7})},
-                                                                     {"7\n", P({7, 7})},
-                                                                     {"0 1 2 3 \n", P({0, 3})},
-                                                                     {"", {}},
-                                                                     {"\n", {}},
-                                                                     {"3 1", {}},
-                                                                     {"x", {}},
-                                                                     {"-1 2", {}},
-                                                                     {"0 99999", {}}}) {
+  for (auto [line, cluster] : std::vector<std::pair<std::string, P>>{
+           {"0 1 2 3\n", P({0, 3})}, {"4 5 7", P({4, 7})}, {"7\n", P({7, 7})},
+           {"0 1 2 3 \n", P({0, 3})}, {"", {}}, {"\n", {}}, {"3 1", {}}, {"x", {}}, {"-1 2", {}},
+           {"0 99999", {}}}) {
     EXPECT_EQ(parse_affected_cpus(line), cluster) << line;
   }
+  // clang-format on
 }
 
 TEST(StatsTopology, PoliciesInAnyOrderGiveSortedClustersAndAStrayDirOneLine) {
