@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <iomanip>
 #include <sstream>
 
 namespace {
@@ -125,32 +126,27 @@ TEST(SnapshotDelta, PairsThreadsAndCreditsTheirDifferences) {
       thread(40, 41, 1500000, {{4, 200000}}),
   };
   std::vector<ProcStats> deltas = ProcSnapshotDelta(earlier, later, ChipsetType::EIGHT_CORE, true);
-  ASSERT_EQ(deltas.size(), 4u);
-
-  EXPECT_EQ(deltas[0].tid, 11);  // 1e6 cycles on cluster 4 over 1000 ms
-  EXPECT_NEAR(deltas[0].credits, 9.05, 1e-9);
-  EXPECT_EQ(deltas[0].cycles_per_cluster, (std::map<int, long>{{0, 0}, {4, 1000000}}));
-  EXPECT_EQ(deltas[0].time_per_cluster, (std::map<int, long>{{0, 0}, {4, 4}}));
-  EXPECT_EQ(deltas[0].credits_per_cluster, (std::map<int, double>{{0, 0.0}, {4, 9.05}}));
-  EXPECT_EQ(deltas[0].duration, microseconds(1000000));
-  EXPECT_FALSE(deltas[0].is_new);
-
-  EXPECT_EQ(deltas[1].tid, 10);  // 2e6 cycles on cluster 0 over 1000 ms
-  EXPECT_NEAR(deltas[1].credits, 5.92, 1e-9);
-  EXPECT_EQ(deltas[1].time_per_cluster, (std::map<int, long>{{0, 7}, {4, 0}}));
-  EXPECT_EQ(deltas[1].info, later[1].info);
+  // Thread, microseconds, credits, then cycles (c), times (t) and credits (k) by cluster.
+  std::vector<std::string> summaries;
+  for (const ProcStats& d : deltas) {
+    std::ostringstream out;
+    out << std::setprecision(12) << d.tid << (d.is_new ? " new " : " ") << d.duration.count()
+        << "us " << d.credits;
+    for (auto [cluster, n] : d.cycles_per_cluster) out << " c" << cluster << "=" << n;
+    for (auto [cluster, n] : d.time_per_cluster) out << " t" << cluster << "=" << n;
+    for (auto [cluster, x] : d.credits_per_cluster) out << " k" << cluster << "=" << x;
+    summaries.push_back(out.str());
+  }
+  EXPECT_EQ(summaries, (std::vector<std::string>{
+                           // 1e6 cycles on cluster 4 over 1000 ms, then 2e6 on cluster 0.
+                           "11 1000000us 9.05 c0=0 c4=1000000 t0=0 t4=4 k0=0 k4=9.05",
+                           "10 1000000us 5.92 c0=2000000 c4=0 t0=7 t4=0 k0=5.92 k4=0",
+                           // New: its whole count, since the earlier snapshot's start.
+                           "41 new 500000us 3.62 c4=200000 k4=3.62",
+                           "30 0us -1 c4=100000000",
+                       }));
+  EXPECT_EQ(deltas.at(1).info, later[1].info);
   EXPECT_EQ(deltas[1].timestamp, TimePoint());
-
-  EXPECT_EQ(deltas[2].tid, 41);  // new: its whole count, since the earlier snapshot's start
-  EXPECT_TRUE(deltas[2].is_new);
-  EXPECT_EQ(deltas[2].duration, microseconds(500000));
-  EXPECT_EQ(deltas[2].cycles_per_cluster, (std::map<int, long>{{4, 200000}}));
-  EXPECT_NEAR(deltas[2].credits, 200000 / 500.0 / 100.0 * 0.905, 1e-9);
-
-  EXPECT_EQ(deltas[3].tid, 30);
-  EXPECT_EQ(deltas[3].duration, microseconds(0));
-  EXPECT_EQ(deltas[3].credits, -1.0);
-  EXPECT_TRUE(deltas[3].credits_per_cluster.empty());
 
   EXPECT_TRUE(ProcSnapshotDelta({}, later, ChipsetType::EIGHT_CORE, false).empty());
   EXPECT_TRUE(ProcSnapshotDelta(earlier, {}, ChipsetType::EIGHT_CORE, false).empty());
