@@ -22,17 +22,11 @@ TEST(JsonEscape, QuotesAndBackslashesGainOneBackslashUnlessAlreadyPaired) {
   struct Case {
     std::string in, out;
   } cases[] = {
-      {R"(a"b)", R"(a\"b)"},
-      {R"(a\b)", R"(a\\b)"},
-      {R"(a\"b)", R"(a\"b)"},
-      {R"(a\)", R"(a\\)"},
-      {"", ""},
-      {R"(")", R"(\")"},
-      {R"(\\\)", R"(\\\\)"},
-      {R"("\")", R"(\"\")"},
-      {"tab\tand\nline", "tab\tand\nline"},
-      {R"(\x\)", R"(\\x\\)"},
-      {"\"\"", R"(\"\")"},
+      // clang-format off
+      {R"(a"b)", R"(a\"b)"}, {R"(a\b)", R"(a\\b)"}, {R"(a\"b)", R"(a\"b)"}, {R"(a\)", R"(a\\)"},
+      {"", ""}, {R"(")", R"(\")"}, {R"(\\\)", R"(\\\\)"}, {R"("\")", R"(\"\")"},
+      {"tab\tand\nline", "tab\tand\nline"}, {R"(\x\)", R"(\\x\\)"}, {"\"\"", R"(\"\")"},
+      // clang-format on
   };
   for (const auto& c : cases) {
     EXPECT_EQ(escape(c.in), c.out) << c.in;
@@ -41,6 +35,7 @@ TEST(JsonEscape, QuotesAndBackslashesGainOneBackslashUnlessAlreadyPaired) {
 }
 
 TEST(JsonVal, PrintsEachKindCompactly) {
+  constexpr double kInf = std::numeric_limits<double>::infinity();
   JsonVal::Object object;
   object.emplace("b", JsonVal(1));
   object.emplace("a", JsonVal("x\"y"));
@@ -53,17 +48,12 @@ TEST(JsonVal, PrintsEachKindCompactly) {
     JsonVal value;
     std::string out;
   } cases[] = {
-      {JsonVal(), "null"},
-      {JsonVal(true), "true"},
-      {JsonVal(false), "false"},
-      {JsonVal(-42L), "-42"},
-      {JsonVal(std::numeric_limits<long>::min()), "-9223372036854775808"},
-      {JsonVal(0.5), "0.5"},
-      {JsonVal(1.0 / 3.0), "0.333333"},
-      {JsonVal(1e20), "1e+20"},
-      {JsonVal(std::numeric_limits<double>::infinity()), "null"},
-      {JsonVal(-std::numeric_limits<double>::infinity()), "null"},
-      {JsonVal(std::nan("")), "null"},
+      // clang-format off
+      {JsonVal(), "null"}, {JsonVal(true), "true"}, {JsonVal(false), "false"},
+      {JsonVal(-42L), "-42"}, {JsonVal(std::numeric_limits<long>::min()), "-9223372036854775808"},
+      {JsonVal(0.5), "0.5"}, {JsonVal(1.0 / 3.0), "0.333333"}, {JsonVal(1e20), "1e+20"},
+      {JsonVal(kInf), "null"}, {JsonVal(-kInf), "null"}, {JsonVal(std::nan("")), "null"},
+      // clang-format on
       {JsonVal("say \"hi\"\\"), R"("say \"hi\"\\")"},
       {JsonVal(JsonVal::Array{JsonVal(7)}), "[7]"},
       {JsonVal(JsonVal::Array{JsonVal(1), JsonVal("s"), JsonVal()}), R"([1,"s",null])"},
