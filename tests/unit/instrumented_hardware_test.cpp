@@ -66,16 +66,13 @@ TEST(DramSamples, MalformedLinesAreSkipped) {
     std::string text;
     std::vector<dram::Sample> expected;
   } cases[] = {
-      {"1\t100\t200\t30\n", {{1, 0x100, 0x200, 0x30}}},
-      {"a\tB\tc\tD", {{0xa, 0xb, 0xc, 0xd}}},
+      // clang-format off
+      {"1\t100\t200\t30\n", {{1, 0x100, 0x200, 0x30}}}, {"a\tB\tc\tD", {{0xa, 0xb, 0xc, 0xd}}},
       // Runs of tabs are one separator, a fifth column is ignored, a CR ends a number.
-      {"1\t\t2\t3\t4\t5\r\n", {{1, 2, 3, 4}}},
-      {"0x10\t 20\t30\t40\n", {{0x10, 0x20, 0x30, 0x40}}},
-      {"1\t2\t3\n\n\n4\t5\t6\t7\n", {{4, 5, 6, 7}}},
-      {"zz\t1\t2\t3\n1\t2\t3\t4\n", {{1, 2, 3, 4}}},
-      {"1 2 3 4\n", {}},
-      {"", {}},
-      {"ffffffffffffffffff\t1\t2\t3\n", {}},
+      {"1\t\t2\t3\t4\t5\r\n", {{1, 2, 3, 4}}}, {"0x10\t 20\t30\t40\n", {{0x10, 0x20, 0x30, 0x40}}},
+      {"1\t2\t3\n\n\n4\t5\t6\t7\n", {{4, 5, 6, 7}}}, {"zz\t1\t2\t3\n1\t2\t3\t4\n", {{1, 2, 3, 4}}},
+      {"1 2 3 4\n", {}}, {"", {}}, {"ffffffffffffffffff\t1\t2\t3\n", {}},
+      // clang-format on
   };
   for (const auto& c : cases) {
     std::vector<dram::Sample> samples;
