@@ -112,6 +112,8 @@ TEST(TimingLoop, TicksFallOnPlanWhateverTheWorkCosts) {
   }
 }
 
+// A failing step ends the run at once, with 1 and without a further report. A clock stepped
+// back to before the start makes the elapsed time huge: a run with a limit ends in that cycle.
 TEST(TimingLoop, EndingConditions) {
   {
     Harness h;
@@ -119,35 +121,29 @@ TEST(TimingLoop, EndingConditions) {
     EXPECT_EQ(h.engine.run(0, 500, 1000), 0);
     EXPECT_TRUE(h.probe->samples.empty());
   }
-  {
-    // Whichever step fails, the run ends at once with 1 and without a further report.
-    const struct {
-      bool perfetto;
-      bool ProbePlugin::*result;
-      const char* error;
-    } failures[] = {
-        {false, &ProbePlugin::sample_result, "ERROR: Sample update failed for plugin 'probe'\n"},
-        {false, &ProbePlugin::output_result, "ERROR: Output update failed for plugin 'probe'\n"},
-        {true, &ProbePlugin::emit_result, "ERROR: Emit to perfetto failed for plugin 'probe'\n"},
-    };
-    for (const auto& f : failures) {
-      Harness h(f.perfetto);
-      h.probe->on_sample_hook = [&](std::size_t n) { (*h.probe).*f.result = n < 3; };
-      testing::internal::CaptureStderr();
-      EXPECT_EQ(h.engine.run(0, 500, 1000), 1);
-      EXPECT_EQ(testing::internal::GetCapturedStderr(), f.error);
-      EXPECT_EQ(h.probe->samples.size(), 3u) << f.error;
-    }
-  }
-  {
-    // A clock stepped back to before the start makes the elapsed time huge: a run with a
-    // limit ends in that cycle.
-    Harness h;
+  const struct {
+    bool perfetto;
+    unsigned time;
+    bool ProbePlugin::*fails_from_third;
+    std::size_t steps_back_at;
+    std::string failed;  // the step the error names
+  } cases[] = {
+      {false, 0, &ProbePlugin::sample_result, 0, "Sample update"},
+      {false, 0, &ProbePlugin::output_result, 0, "Output update"},
+      {true, 0, &ProbePlugin::emit_result, 0, "Emit to perfetto"},
+      {false, 100, nullptr, 2, ""},
+  };
+  for (const auto& c : cases) {
+    Harness h(c.perfetto);
     h.probe->on_sample_hook = [&](std::size_t n) {
-      if (n == 2) h.clock->jump_to = kStartUs - 5'000'000;
+      if (c.fails_from_third) (*h.probe).*c.fails_from_third = n < 3;
+      if (n == c.steps_back_at) h.clock->jump_to = kStartUs - 5'000'000;
     };
-    EXPECT_EQ(h.engine.run(100, 500, 1000), 0);
-    EXPECT_EQ(h.probe->samples.size(), 3u);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(h.engine.run(c.time, 500, 1000), c.failed.empty() ? 0 : 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              c.failed.empty() ? "" : "ERROR: " + c.failed + " failed for plugin 'probe'\n");
+    EXPECT_EQ(h.probe->samples.size(), 3u) << c.failed;
   }
   stop_flag = false;
 }
@@ -173,7 +169,8 @@ TEST(TimingLoop, ConsoleShowsStatusThenReports) {
       {false, true, 2, 0, header + rows, "Starting 2 second trace. \n" + press, {496}},
       {true, true, 2, 0, header, "Starting 2 second trace. \n" + press, {496}},
       {false, true, 3, 2,
-       header + "1,2.304,1700000002.304,4,0,1804,0,-1304,\n2,2.312,1700000002.312,4,0,4,808,-312,\n",
+       header + "1,2.304,1700000002.304,4,0,1804,0,-1304,\n"
+                "2,2.312,1700000002.312,4,0,4,808,-312,\n",
        "Starting 3 second trace. \n" + press, {496}},
       // The loop's time starts after the charger has settled.
       {false, false, 0, 0,
