@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdio>
 #include <iomanip>
 #include <sstream>
+
+#include "plugins/cpu_credits_plugin.h"
 
 namespace {
 
@@ -52,14 +55,6 @@ TEST(TimeInState, NumbersAreReadAsSscanfReadsThem) {
     EXPECT_EQ(freq, want_freq) << line;
     EXPECT_EQ(time, want_time) << line;
   }
-}
-
-TEST(TimeInState, KeepsEachFrequencyWhenAsked) {
-  ProcStats stats;
-  std::istringstream in("cpu0\n300 1\n600 2\ncpu4\n900 3\n");
-  parseTimeInState(in, &stats, true);
-  std::map<int, std::map<long, long>> expected{{0, {{300, 1}, {600, 2}}}, {4, {{900, 3}}}};
-  EXPECT_EQ(stats.time_per_freq, expected);
 }
 
 TEST(CyclesToCredit, WeighsCyclesPerMillisecondByTheClusterFactor) {
@@ -152,16 +147,65 @@ TEST(SnapshotDelta, PairsThreadsAndCreditsTheirDifferences) {
   EXPECT_TRUE(ProcSnapshotDelta(earlier, {}, ChipsetType::EIGHT_CORE, false).empty());
 }
 
+// Times kept by frequency, when asked, subtract where both snapshots have them.
 TEST(SnapshotDelta, PerFrequencyTimesSubtractWhereBothHaveThem) {
-  ProcStats earlier = thread(1, 1, 0, {});
-  earlier.time_per_freq = {{0, {{300, 5}, {600, 1}}}};
-  ProcStats later = thread(1, 1, 1000, {});
-  later.time_per_freq = {{0, {{300, 9}, {900, 2}}}, {4, {{1000, 3}}}};
+  ProcStats earlier = thread(1, 1, 0, {}), later = thread(1, 1, 1000, {});
+  std::istringstream earlier_text("cpu0\n300 5\n600 1\n"),
+      later_text("cpu0\n300 9\n900 2\ncpu4\n1000 3\n");
+  parseTimeInState(earlier_text, &earlier, true);
+  parseTimeInState(later_text, &later, true);
   ProcStats delta = procStatsDelta(earlier, later, TimePoint());
   std::map<int, std::map<long, long>> expected{{0, {{300, 4}, {900, 2}}}, {4, {{1000, 3}}}};
   EXPECT_EQ(delta.time_per_freq, expected);
   EXPECT_EQ(delta.duration, microseconds(1000));
   EXPECT_EQ(delta.credits, -1.0);
+}
+
+// A thread whose cycles on cluster 0 of the eight-core chip come to `credits` over one second.
+ProcStats credited(int tid, const std::string& comm, double credits, long long at_us) {
+  ProcStats s = thread(100, tid, at_us, {{0, std::lround(credits / 0.296 * 100.0 * 1000.0)}});
+  s.info->comm = comm;
+  return s;
+}
+
+TEST(CpuCredits, SumsThreadsOfOneNameTruncatingAtEachStep) {
+  struct Case {
+    std::vector<std::pair<std::string, double>> threads;
+    std::string text;
+  } cases[] = {
+      {{{"RenderThread", 2.7}, {"RenderThread", 1.6}}, "RenderThread:3"},
+      {{{"sh", 0.9}, {"sh", 0.9}, {"zygote", 1.01}}, "zygote:1"},
+      {{{"b", 5.5}, {"a", 1.2}, {"", 2.5}, {"b", 0.99}, {"a", 40.7}}, ":2 | a:41 | b:5"},
+      {{{"idle", 0.0}}, ""},
+      {{}, ""},
+  };
+  for (const auto& c : cases) {
+    std::vector<ProcStats> earlier{credited(1, "anchor", 0, 0)},
+        later{credited(1, "anchor", 0, 1000000)};
+    int tid = 2;
+    for (const auto& [comm, credits] : c.threads) {
+      earlier.push_back(credited(tid, comm, 0, 0));
+      later.push_back(credited(tid++, comm, credits, 1000000));
+    }
+    emberline::CpuCreditsPlugin plugin;
+    plugin.credits()->set("stale", coralis::tidemark::json::JsonVal(9));
+    plugin.Report(earlier, later);
+    EXPECT_EQ(plugin.credits()->to_str(), c.text);
+  }
+}
+
+TEST(CpuCredits, ThreadsThatCannotBeWeighedAreLeftOutAndHugeOnesHeld) {
+  std::vector<ProcStats> earlier{credited(1, "same_instant", 0, 0),
+                                 credited(2, "odd_cluster", 0, 0), credited(3, "under_1ms", 0, 0),
+                                 credited(4, "huge", 0, 0)};
+  std::vector<ProcStats> later{credited(1, "same_instant", 50, 0),
+                               credited(2, "odd_cluster", 50, 1000000),
+                               credited(3, "under_1ms", 0, 500), credited(4, "huge", 0, 1000000)};
+  later[1].cycles_per_cluster[9] = 1;
+  later[3].cycles_per_cluster[4] = 1L << 62;
+  emberline::CpuCreditsPlugin plugin;
+  plugin.Report(earlier, later);
+  EXPECT_EQ(plugin.credits()->to_json(), "{\"huge\":2147483647}");
 }
 
 }  // namespace
