@@ -14,14 +14,12 @@ TEST(Counter, MonotonicTimeInTicksRoundsDown) {
     std::timespec time;
     std::uint64_t ticks;
   } cases[] = {
-      {{0, 0}, 0},
-      {{0, 52}, 0},  // 0.998 ticks
-      {{0, 53}, 1},  // 1.018 ticks
-      {{0, 625}, 12},
-      {{0, 999'999'999}, 19'199'999},
-      {{1, 0}, 19'200'000},
-      {{7, 250'000'000}, 139'200'000},
+      // clang-format off
+      // 52 ns are 0.998 ticks, 53 ns 1.018.
+      {{0, 0}, 0}, {{0, 52}, 0}, {{0, 53}, 1}, {{0, 625}, 12}, {{0, 999'999'999}, 19'199'999},
+      {{1, 0}, 19'200'000}, {{7, 250'000'000}, 139'200'000},
       {{kTenYears, 500'000'000}, 6'054'912'009'600'000},
+      // clang-format on
   };
   for (const auto& c : cases) {
     EXPECT_EQ(cntvct_from_timespec(c.time), c.ticks) << c.time.tv_sec << " s " << c.time.tv_nsec;
