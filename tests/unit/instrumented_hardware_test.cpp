@@ -38,15 +38,12 @@ TEST(RailReadings, FactorsAndMicrowattsBecomeWatts) {
   EXPECT_FLOAT_EQ(rail_watts(-1000000, 250000), -0.25f);
 
   // Quotients of the same rounding as the literals, so exact.
-  for (auto [line, watts] :
-       std::vector<std::pair<std::string, std::optional<float>>>{{"1500000", 1.5f},
-                                                                 {"250", 0.00025f},
-                                                                 {"12e5", 1.2f},
-                                                                 {"", {}},
-                                                                 {"n/a", {}},
-                                                                 {"1e99", {}}}) {
+  // clang-format off
+  for (auto [line, watts] : std::vector<std::pair<std::string, std::optional<float>>>{
+           {"1500000", 1.5f}, {"250", 0.00025f}, {"12e5", 1.2f}, {"", {}}, {"n/a", {}}, {"1e99", {}}}) {
     EXPECT_EQ(microwatts_to_watts(line), watts) << line;
   }
+  // clang-format on
 }
 
 TEST(RailReadings, OnlyHexadecimalEndingsNameARail) {
