@@ -40,7 +40,8 @@ TEST(RailReadings, FactorsAndMicrowattsBecomeWatts) {
   // Quotients of the same rounding as the literals, so exact.
   // clang-format off
   for (auto [line, watts] : std::vector<std::pair<std::string, std::optional<float>>>{
-           {"1500000", 1.5f}, {"250", 0.00025f}, {"12e5", 1.2f}, {"", {}}, {"n/a", {}}, {"1e99", {}}}) {
+           {"1500000", 1.5f}, {"250", 0.00025f}, {"12e5", 1.2f},
+           {"", {}}, {"n/a", {}}, {"1e99", {}}}) {
     EXPECT_EQ(microwatts_to_watts(line), watts) << line;
   }
   // clang-format on

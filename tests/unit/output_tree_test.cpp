@@ -156,11 +156,11 @@ TEST(DeviceGeneration, FromBuildProp) {
       {"ro.product.device=fennick\n", Generation::kFennick, false, true},
       {"ro.product.device=maplet\r\n", Generation::kMaplet, false, true},
       {"ro.product.name=x\nro.product.device=dorrin", Generation::kDorrin, false, true},
-      // clang-format off
-      {"ro.product.device=fennick\nro.product.device=brantley\n", Generation::kBrantley, true, false},
+      {"ro.product.device=fennick\nro.product.device=brantley\n", Generation::kBrantley, true,
+       false},
       {"ro.product.device=brantley\nro.product.device=generic\n", Generation::kOther, false, false},
-      {"ro.product.device.x=fennick\nxro.product.device=maplet\n", Generation::kOther, false, false},
-      // clang-format on
+      {"ro.product.device.x=fennick\nxro.product.device=maplet\n", Generation::kOther, false,
+       false},
       {"ro.product.device=Fennick\n", Generation::kOther, false, false},
       {"ro.product.device=dorrin \n", Generation::kOther, false, false},
       {"", Generation::kOther, false, false},
