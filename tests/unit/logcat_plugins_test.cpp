@@ -114,8 +114,8 @@ TEST(LogcatRavelin, FieldsAverageOverEachWindowWhichStartsAtTheLastDatedLine) {
 // numbers, but its dated lines still move the window.
 TEST(LogcatDsp, MarkedLinesAverageAndPeriodsWithoutTelemetryKeepTheNumbers) {
   const std::string rest = "(scalar 10.00%, HVX 8.00%, HMX 2.00%, UDMA 1.00%)";
-  std::string short_line = dsp(kA, load("50.0% " + rest));
-  short_line = short_line.substr(0, 94) + "\n";  // 95 characters with the line end
+  // 95 characters with the line end, one short of the shortest taken.
+  const std::string short_line = dsp(kA, "HexagonTelemetry Freq: 7 50.0% 1.% 1.% 1.% 1.%");
   const std::string both =
       "dsp_util_max_prct: 30.500% | dsp_util_avg_prct: 25.500% | "
       "dsp_scalar_util_avg_prct: 15.000% | dsp_hvx_util_avg_prct: 6.000% | "
@@ -140,7 +140,8 @@ TEST(LogcatDsp, MarkedLinesAverageAndPeriodsWithoutTelemetryKeepTheNumbers) {
        {"", both, kB},
        {std::nullopt, both, kB},
        {"--------- beginning of main\n" + kHostile, both, kB},
-       {dsp(kA, load("60.0% " + rest)), "dsp_util_max_prct: 60.000% | ", kA}});
+       {dsp(kA, "HexagonTelemetry Freq: 77 60.0% 1.% 1.% 1.% 1.%"), "dsp_util_max_prct: 60.000% | ",
+        kA}});
 }
 
 }  // namespace

@@ -75,6 +75,9 @@ struct Harness {
 };
 
 using Ms = std::vector<std::int64_t>;
+const std::string kCsvHeader =
+    "sequence,timestamp,device_timestamp,sample_time_ms,output_time_ms,process_time_ms,"
+    "drift_time_ms,wait_time_ms,\n";
 
 TEST(TimingLoop, TicksFallOnPlanWhateverTheWorkCosts) {
   struct Case {
@@ -91,6 +94,8 @@ TEST(TimingLoop, TicksFallOnPlanWhateverTheWorkCosts) {
       {3, 300, 1000, 0, 0, 0, {0, 300, 600, 900, 1200, 1500, 1800, 2100, 2400, 2700, 3000, 3300},
        {1000, 2000, 3000}, {300, 300, 300, 100, 200, 300, 300, 200, 100, 300, 300, 300, 300}},
       {1, 1000, 1000, 0, 0, 0, {0, 1000, 2000}, {1000, 2000}, {1000, 1000}},
+      // A wait of a single millisecond is still slept.
+      {1, 500, 1000, 499, 0, 0, {0, 500, 1000, 1500}, {1499}, {1, 1, 1}},
       // Work inside a cycle shortens its wait, so ticks stay on plan.
       {3, 500, 1000, 7, 30, 0, {0, 500, 1000, 1500, 2000, 2500, 3000, 3500}, {1007, 2007, 3007},
        {493, 493, 463, 493, 463, 493, 463}},
@@ -116,9 +121,17 @@ TEST(TimingLoop, TicksFallOnPlanWhateverTheWorkCosts) {
 // back to before the start makes the elapsed time huge: a run with a limit ends in that cycle.
 TEST(TimingLoop, EndingConditions) {
   {
+    // Stopped before the first cycle: the report has its header all the same.
     Harness h;
+    h.engine.set_quiet(false);
+    h.engine.set_output_format(OutputFormat::CSV);
     stop_flag = true;
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
     EXPECT_EQ(h.engine.run(0, 500, 1000), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Starting trace. \nPress CTRL-C to stop...\n\n\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), kCsvHeader);
     EXPECT_TRUE(h.probe->samples.empty());
   }
   const struct {
@@ -152,30 +165,28 @@ TEST(TimingLoop, EndingConditions) {
 // carries its cycle's start and sample time, and the cycle before's process, drift and wait: an
 // overrun's wait shows as the negative number it is. Every run stops after its second report.
 TEST(TimingLoop, ConsoleShowsStatusThenReports) {
-  const std::string header =
-      "sequence,timestamp,device_timestamp,sample_time_ms,output_time_ms,process_time_ms,"
-      "drift_time_ms,wait_time_ms,\n";
   const std::string rows =
       "1,1.000,1700000001.000,4,0,4,0,496,\n2,2.000,1700000002.000,4,0,4,0,496,\n";
   const std::string press = "Press CTRL-C to stop...\n\n\n";
   struct Case {
     bool perfetto, continue_charging;
-    unsigned time;
+    unsigned time, sample;
     std::size_t slow_sample;  // costs 1804 ms, the others 4 ms
     std::string out, err;
     Ms first_sleeps;
   } cases[] = {
       // clang-format off
-      {false, true, 2, 0, header + rows, "Starting 2 second trace. \n" + press, {496}},
-      {true, true, 2, 0, header, "Starting 2 second trace. \n" + press, {496}},
-      {false, true, 3, 2,
-       header + "1,2.304,1700000002.304,4,0,1804,0,-1304,\n"
+      {false, true, 2, 500, 0, kCsvHeader + rows, "Starting 2 second trace. \n" + press, {496}},
+      {true, true, 2, 500, 0, kCsvHeader, "Starting 2 second trace. \n" + press, {496}},
+      {false, true, 3, 500, 2,
+       kCsvHeader + "1,2.304,1700000002.304,4,0,1804,0,-1304,\n"
                 "2,2.312,1700000002.312,4,0,4,808,-312,\n",
        "Starting 3 second trace. \n" + press, {496}},
-      // The loop's time starts after the charger has settled.
-      {false, false, 0, 0,
-       header + "1,1.000,1700000002.000,4,0,4,0,496,\n2,2.000,1700000003.000,4,0,4,0,496,\n",
-       "Disabling charging...\nStarting trace. \n" + press, {1000, 496}},
+      // The loop's time starts after the charger has settled. A report from a cycle without a
+      // sample shows no sample time.
+      {false, false, 0, 300, 0,
+       kCsvHeader + "1,1.000,1700000002.000,0,0,4,0,96,\n2,2.000,1700000003.000,0,0,4,0,196,\n",
+       "Disabling charging...\nStarting trace. \n" + press, {1000, 296}},
       // clang-format on
   };
   for (const auto& c : cases) {
@@ -189,7 +200,7 @@ TEST(TimingLoop, ConsoleShowsStatusThenReports) {
     h.probe->on_output_hook = [](std::size_t n) { stop_flag = n == 2; };
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
-    EXPECT_EQ(h.engine.run(c.time, 500, 1000), 0);
+    EXPECT_EQ(h.engine.run(c.time, c.sample, 1000), 0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), c.err);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), c.out);
     EXPECT_EQ(h.probe->outputs.size(), 2u);
