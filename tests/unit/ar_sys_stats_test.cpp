@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdio>
+#include <iomanip>
 #include <sstream>
+
+#include "plugins/cpu_credits_plugin.h"
 
 namespace {
 
@@ -39,21 +43,11 @@ TEST(TimeInState, BooksTimeAndCyclesByTheClusterAbove) {
 }
 
 TEST(TimeInState, NumbersAreReadAsSscanfReadsThem) {
-  const char* lines[] = {"300000 10",
-                         "  7\t-3 ",
-                         "5-3",
-                         "+4 +2",
-                         "abc 5",
-                         "5 abc",
-                         "- 5",
-                         "5e3 2",
-                         "0x10 1",
-                         "",
-                         "   ",
-                         "010 08",
-                         "-0 -",
-                         "99999999999999999999 3",
+  // clang-format off
+  const char* lines[] = {"300000 10", "  7\t-3 ", "5-3", "+4 +2", "abc 5", "5 abc", "- 5", "5e3 2",
+                         "0x10 1", "", "   ", "010 08", "-0 -", "99999999999999999999 3",
                          "1 -99999999999999999999"};
+  // clang-format on
   for (const char* line : lines) {
     long freq = 0, time = 0, want_freq = 0, want_time = 0;
     std::sscanf(line, "%ld%ld", &want_freq, &want_time);
@@ -61,14 +55,6 @@ TEST(TimeInState, NumbersAreReadAsSscanfReadsThem) {
     EXPECT_EQ(freq, want_freq) << line;
     EXPECT_EQ(time, want_time) << line;
   }
-}
-
-TEST(TimeInState, KeepsEachFrequencyWhenAsked) {
-  ProcStats stats;
-  std::istringstream in("cpu0\n300 1\n600 2\ncpu4\n900 3\n");
-  parseTimeInState(in, &stats, true);
-  std::map<int, std::map<long, long>> expected{{0, {{300, 1}, {600, 2}}}, {4, {{900, 3}}}};
-  EXPECT_EQ(stats.time_per_freq, expected);
 }
 
 TEST(CyclesToCredit, WeighsCyclesPerMillisecondByTheClusterFactor) {
@@ -81,11 +67,10 @@ TEST(CyclesToCredit, WeighsCyclesPerMillisecondByTheClusterFactor) {
   } cases[] = {
       {{{4, 100000000}}, 1000000, ChipsetType::EIGHT_CORE, 905.0, {{4, 905.0}}},
       {{{0, 100000000}}, 1000000, ChipsetType::EIGHT_CORE, 296.0, {{0, 296.0}}},
-      {{{3, 1000000}, {7, 2000000}},
-       2000000,
-       ChipsetType::EIGHT_CORE,
-       1.48 + 9.05,
+      // clang-format off
+      {{{3, 1000000}, {7, 2000000}}, 2000000, ChipsetType::EIGHT_CORE, 1.48 + 9.05,
        {{3, 1.48}, {7, 9.05}}},
+      // clang-format on
       {{{5, 5000000}}, 1000000, ChipsetType::SIX_CORE, 46.725, {{5, 46.725}}},
       // Whole milliseconds only: 1999 us count as one.
       {{{0, 1000}}, 1999, ChipsetType::EIGHT_CORE, 2.96, {{0, 2.96}}},
@@ -136,50 +121,91 @@ TEST(SnapshotDelta, PairsThreadsAndCreditsTheirDifferences) {
       thread(40, 41, 1500000, {{4, 200000}}),
   };
   std::vector<ProcStats> deltas = ProcSnapshotDelta(earlier, later, ChipsetType::EIGHT_CORE, true);
-  ASSERT_EQ(deltas.size(), 4u);
-
-  EXPECT_EQ(deltas[0].tid, 11);  // 1e6 cycles on cluster 4 over 1000 ms
-  EXPECT_NEAR(deltas[0].credits, 9.05, 1e-9);
-  EXPECT_EQ(deltas[0].cycles_per_cluster, (std::map<int, long>{{0, 0}, {4, 1000000}}));
-  EXPECT_EQ(deltas[0].time_per_cluster, (std::map<int, long>{{0, 0}, {4, 4}}));
-  EXPECT_EQ(deltas[0].credits_per_cluster, (std::map<int, double>{{0, 0.0}, {4, 9.05}}));
-  EXPECT_EQ(deltas[0].duration, microseconds(1000000));
-  EXPECT_FALSE(deltas[0].is_new);
-
-  EXPECT_EQ(deltas[1].tid, 10);  // 2e6 cycles on cluster 0 over 1000 ms
-  EXPECT_NEAR(deltas[1].credits, 5.92, 1e-9);
-  EXPECT_EQ(deltas[1].time_per_cluster, (std::map<int, long>{{0, 7}, {4, 0}}));
-  EXPECT_EQ(deltas[1].info, later[1].info);
+  // Thread, microseconds, credits, then cycles (c), times (t) and credits (k) by cluster.
+  std::vector<std::string> summaries;
+  for (const ProcStats& d : deltas) {
+    std::ostringstream out;
+    out << std::setprecision(12) << d.tid << (d.is_new ? " new " : " ") << d.duration.count()
+        << "us " << d.credits;
+    for (auto [cluster, n] : d.cycles_per_cluster) out << " c" << cluster << "=" << n;
+    for (auto [cluster, n] : d.time_per_cluster) out << " t" << cluster << "=" << n;
+    for (auto [cluster, x] : d.credits_per_cluster) out << " k" << cluster << "=" << x;
+    summaries.push_back(out.str());
+  }
+  EXPECT_EQ(summaries, (std::vector<std::string>{
+                           // 1e6 cycles on cluster 4 over 1000 ms, then 2e6 on cluster 0.
+                           "11 1000000us 9.05 c0=0 c4=1000000 t0=0 t4=4 k0=0 k4=9.05",
+                           "10 1000000us 5.92 c0=2000000 c4=0 t0=7 t4=0 k0=5.92 k4=0",
+                           // New: its whole count, since the earlier snapshot's start.
+                           "41 new 500000us 3.62 c4=200000 k4=3.62",
+                           "30 0us -1 c4=100000000",
+                       }));
+  EXPECT_EQ(deltas.at(1).info, later[1].info);
   EXPECT_EQ(deltas[1].timestamp, TimePoint());
 
-  EXPECT_EQ(deltas[2].tid, 41);  // new: its whole count, since the earlier snapshot's start
-  EXPECT_TRUE(deltas[2].is_new);
-  EXPECT_EQ(deltas[2].duration, microseconds(500000));
-  EXPECT_EQ(deltas[2].cycles_per_cluster, (std::map<int, long>{{4, 200000}}));
-  EXPECT_NEAR(deltas[2].credits, 200000 / 500.0 / 100.0 * 0.905, 1e-9);
-
-  EXPECT_EQ(deltas[3].tid, 30);
-  EXPECT_EQ(deltas[3].duration, microseconds(0));
-  EXPECT_EQ(deltas[3].credits, -1.0);
-  EXPECT_TRUE(deltas[3].credits_per_cluster.empty());
+  EXPECT_TRUE(ProcSnapshotDelta({}, later, ChipsetType::EIGHT_CORE, false).empty());
+  EXPECT_TRUE(ProcSnapshotDelta(earlier, {}, ChipsetType::EIGHT_CORE, false).empty());
 }
 
-TEST(SnapshotDelta, NothingWithoutBothSnapshots) {
-  std::vector<ProcStats> one{thread(1, 1, 0, {{0, 1}})};
-  EXPECT_TRUE(ProcSnapshotDelta({}, one, ChipsetType::EIGHT_CORE, false).empty());
-  EXPECT_TRUE(ProcSnapshotDelta(one, {}, ChipsetType::EIGHT_CORE, false).empty());
-}
-
+// Times kept by frequency, when asked, subtract where both snapshots have them.
 TEST(SnapshotDelta, PerFrequencyTimesSubtractWhereBothHaveThem) {
-  ProcStats earlier = thread(1, 1, 0, {});
-  earlier.time_per_freq = {{0, {{300, 5}, {600, 1}}}};
-  ProcStats later = thread(1, 1, 1000, {});
-  later.time_per_freq = {{0, {{300, 9}, {900, 2}}}, {4, {{1000, 3}}}};
+  ProcStats earlier = thread(1, 1, 0, {}), later = thread(1, 1, 1000, {});
+  std::istringstream earlier_text("cpu0\n300 5\n600 1\n"),
+      later_text("cpu0\n300 9\n900 2\ncpu4\n1000 3\n");
+  parseTimeInState(earlier_text, &earlier, true);
+  parseTimeInState(later_text, &later, true);
   ProcStats delta = procStatsDelta(earlier, later, TimePoint());
   std::map<int, std::map<long, long>> expected{{0, {{300, 4}, {900, 2}}}, {4, {{1000, 3}}}};
   EXPECT_EQ(delta.time_per_freq, expected);
   EXPECT_EQ(delta.duration, microseconds(1000));
   EXPECT_EQ(delta.credits, -1.0);
+}
+
+// A thread whose cycles on cluster 0 of the eight-core chip come to `credits` over one second.
+ProcStats credited(int tid, const std::string& comm, double credits, long long at_us) {
+  ProcStats s = thread(100, tid, at_us, {{0, std::lround(credits / 0.296 * 100.0 * 1000.0)}});
+  s.info->comm = comm;
+  return s;
+}
+
+TEST(CpuCredits, SumsThreadsOfOneNameTruncatingAtEachStep) {
+  struct Case {
+    std::vector<std::pair<std::string, double>> threads;
+    std::string text;
+  } cases[] = {
+      {{{"RenderThread", 2.7}, {"RenderThread", 1.6}}, "RenderThread:3"},
+      {{{"sh", 0.9}, {"sh", 0.9}, {"zygote", 1.01}}, "zygote:1"},
+      {{{"b", 5.5}, {"a", 1.2}, {"", 2.5}, {"b", 0.99}, {"a", 40.7}}, ":2 | a:41 | b:5"},
+      {{{"idle", 0.0}}, ""},
+      {{}, ""},
+  };
+  for (const auto& c : cases) {
+    std::vector<ProcStats> earlier{credited(1, "anchor", 0, 0)},
+        later{credited(1, "anchor", 0, 1000000)};
+    int tid = 2;
+    for (const auto& [comm, credits] : c.threads) {
+      earlier.push_back(credited(tid, comm, 0, 0));
+      later.push_back(credited(tid++, comm, credits, 1000000));
+    }
+    emberline::CpuCreditsPlugin plugin;
+    plugin.credits()->set("stale", coralis::tidemark::json::JsonVal(9));
+    plugin.Report(earlier, later);
+    EXPECT_EQ(plugin.credits()->to_str(), c.text);
+  }
+}
+
+TEST(CpuCredits, ThreadsThatCannotBeWeighedAreLeftOutAndHugeOnesHeld) {
+  std::vector<ProcStats> earlier{credited(1, "same_instant", 0, 0),
+                                 credited(2, "odd_cluster", 0, 0), credited(3, "under_1ms", 0, 0),
+                                 credited(4, "huge", 0, 0)};
+  std::vector<ProcStats> later{credited(1, "same_instant", 50, 0),
+                               credited(2, "odd_cluster", 50, 1000000),
+                               credited(3, "under_1ms", 0, 500), credited(4, "huge", 0, 1000000)};
+  later[1].cycles_per_cluster[9] = 1;
+  later[3].cycles_per_cluster[4] = 1L << 62;
+  emberline::CpuCreditsPlugin plugin;
+  plugin.Report(earlier, later);
+  EXPECT_EQ(plugin.credits()->to_json(), "{\"huge\":2147483647}");
 }
 
 }  // namespace

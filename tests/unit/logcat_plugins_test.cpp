@@ -51,82 +51,20 @@ std::string load(const std::string& percentages, const std::string& freq = "787"
 }
 
 TEST(LogcatWindow, OnlyAStampOfTheExactShapeIsTaken) {
-  struct Case {
-    std::string line;
-    bool accepted;
-  } cases[] = {
-      {kA + " I/Ravelin: x\n", true},
-      {kA + " ';reboot;'\n", true},  // only the 23 characters ever reach the command
-      {"2026-11-23 14:50:01.25' FPS=1\n", false},
-      {"0-1-1 0:0:0.';>/tmp/p;' FPS=1\n", false},  // strptime alone takes this
-      {"2026-11-23 14:50:01.$(id) FPS=1\n", false},
-      {"2026-11-23 14:50:01.`id` FPS=1\n", false},
-      {"2026-11-23 14:50:01.2\n", false},
-      {"2026-11-23 14:50:01.2\n3 x\n", false},
-      {"2026-11-23 14:50:01.2500 FPS=1\n", false},  // overlong
-      {"2026-13-23 14:50:01.250 x\n", false},
-      {"--------- beginning of main\n", false},
-      {"", false},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(logcat::leading_stamp(c.line.c_str()), c.accepted ? kA : "") << c.line;
+  // Only the 23 characters ever reach the command.
+  for (const std::string& line : {kA + " I/Ravelin: x\n", kA + " ';reboot;'\n"}) {
+    EXPECT_EQ(logcat::leading_stamp(line.c_str()), kA) << line;
   }
-}
-
-TEST(LogcatRavelin, FieldsAverageOverTheLinesThatCarryThem) {
-  const std::string nulls = "fps: null | prd: null | stale_frames: null | tears: null | cfl: null";
-  struct Case {
-    std::string text;
-    std::string report;
-  } cases[] = {
-      {ravelin(kA, "FPS=60/72,Prd=41ms,Tear=0,Stale=2,ICFLp95=11.25") +
-           ravelin(kA, "FPS=71/72,Prd=43ms,Tear=1,Stale=0") +
-           ravelin(kB, "FPS=72/72,Prd=38ms,Tear=0,Stale=1,ICFLp95=12.75"),
-       "fps: 67.67 | prd: 40.67 | stale_frames: 1.00 | tears: 0.33 | cfl: 12.00"},
-      // Another field whose name begins with Stale; nothing behind "="; a banner; the rest of an
-      // entry longer than the buffer, which has no date of its own.
-      {"--------- beginning of main\nFPS=1000\n" +
-           ravelin(kA, "FPS=7,Stale2/5/10/max=3/0/0/1,Prd=,ICFLp95=9.5ms," + std::string(440, 'x') +
-                           ",Tear=9"),
-       "fps: 7.00 | prd: null | stale_frames: null | tears: null | cfl: 9.50"},
-      {kHostile, nulls},
-  };
-  for (const auto& c : cases) {
-    Planted<LogcatRavelinPlugin> plugin;
-    plugin.init();
-    EXPECT_EQ(plugin.output(c.text), c.report) << c.text;
+  // clang-format off
+  // The second is one that strptime alone takes; the ninth is overlong.
+  for (const char* line : {"2026-11-23 14:50:01.25' FPS=1\n", "0-1-1 0:0:0.';>/tmp/p;' FPS=1\n",
+                           "2026-11-23 14:50:01.$(id) FPS=1\n", "2026-11-23 14:50:01.`id` FPS=1\n",
+                           "2026-11-23 14:50:01.2\n", "2026-11-23 14:50:01.2\n3 x\n",
+                           "2026-11-23 14:50:01.2500 FPS=1\n", "2026-13-23 14:50:01.250 x\n",
+                           "--------- beginning of main\n", ""}) {
+    EXPECT_EQ(logcat::leading_stamp(line), "") << line;
   }
-}
-
-TEST(LogcatDsp, MarkedLinesGiveAveragesMaximumAndFrequency) {
-  const std::string rest = "(scalar 10.00%, HVX 8.00%, HMX 2.00%, UDMA 1.00%)";
-  std::string short_line = dsp(kA, load("50.0% " + rest));
-  short_line = short_line.substr(0, 94) + "\n";  // 95 characters with the line end
-  struct Case {
-    std::string text;
-    std::string report;
-  } cases[] = {
-      {dsp(kA, load("20.5% " + rest)) +
-           dsp(kA, load("30.5% (scalar 20.0%, HVX 4.0%, HMX 3.0%, UDMA 2.0%)", "1036")),
-       "dsp_util_max_prct: 30.500% | dsp_util_avg_prct: 25.500% | "
-       "dsp_scalar_util_avg_prct: 15.000% | dsp_hvx_util_avg_prct: 6.000% | "
-       "dsp_hmx_util_avg_prct: 2.500% | dsp_udma_util_avg_prct: 1.500% | dsp_freq: 911.50"},
-      // Skipped whole: too short, marker elsewhere, no frequency, four percentages, a bare
-      // point, a number no float holds, the marker only in the rest of an overlong entry.
-      {short_line + dsp(kA, load("50.0% " + rest), "cDSP: ") +
-           dsp(kA, "HexagonTelemetry Load: 50.0% " + rest) +
-           dsp(kA, load("50.0% (scalar 1.0% HVX 1.0% HMX 1.0%) clients: 3")) +
-           dsp(kA, load(".% " + rest)) + dsp(kA, load("50.0% " + rest, std::string(41, '9'))) +
-           dsp(kA, std::string(300, 'x') + load("50.0% " + rest)),
-       "dsp_util_max_prct: null | dsp_util_avg_prct: null | dsp_scalar_util_avg_prct: null | "
-       "dsp_hvx_util_avg_prct: null | dsp_hmx_util_avg_prct: null | "
-       "dsp_udma_util_avg_prct: null | dsp_freq: null"},
-  };
-  for (const auto& c : cases) {
-    Planted<LogcatDspPlugin> plugin;
-    plugin.init();
-    EXPECT_EQ(plugin.output(c.text), c.report) << c.text;
-  }
+  // clang-format on
 }
 
 struct Step {
@@ -153,28 +91,57 @@ void check_windows(const std::string& command, const std::vector<Step>& steps) {
               plugin.commands[0] == command + "'" + logcat::start_stamp(after) + "'");
 }
 
-TEST(LogcatRavelin, WindowMovesToTheLastDatedLineAndEmptyPeriodsAreNull) {
-  const std::string null = "fps: null | prd: null";
+// Fields average over the lines of a window that carry them; a window without one is null.
+TEST(LogcatRavelin, FieldsAverageOverEachWindowWhichStartsAtTheLastDatedLine) {
+  const std::string nulls = "fps: null | prd: null | stale_frames: null | tears: null | cfl: null";
   check_windows<LogcatRavelinPlugin>(
       "/system/bin/logcat -s Ravelin:I -v time,year -t ",
-      {{ravelin(kA, "FPS=72") + ravelin(kB, "FPS=70"), "fps: 71.00 | prd: null", kB},
-       {"", null, kB},
-       {std::nullopt, null, kB},
-       {"--------- beginning of main\n" + kHostile, null, kB},
-       {ravelin(kA, "Prd=3"), "fps: null | prd: 3.00", kA}});
+      {{ravelin(kA, "FPS=60/72,Prd=41ms,Tear=0,Stale=2,ICFLp95=11.25") +
+            ravelin(kA, "FPS=71/72,Prd=43ms,Tear=1,Stale=0") +
+            ravelin(kB, "FPS=72/72,Prd=38ms,Tear=0,Stale=1,ICFLp95=12.75"),
+        "fps: 67.67 | prd: 40.67 | stale_frames: 1.00 | tears: 0.33 | cfl: 12.00", kB},
+       {"", nulls, kB},
+       {std::nullopt, nulls, kB},
+       {"--------- beginning of main\n" + kHostile, nulls, kB},
+       // An undated line; another field whose name begins with Stale; nothing behind "="; the
+       // rest of an entry longer than the buffer, which has no date of its own.
+       {"FPS=1000\n" + ravelin(kA, "FPS=7,Stale2/5/10/max=3/0/0/1,Prd=,ICFLp95=9.5ms," +
+                                       std::string(440, 'x') + ",Tear=9"),
+        "fps: 7.00 | prd: null | stale_frames: null | tears: null | cfl: 9.50", kA}});
 }
 
-TEST(LogcatDsp, PeriodsWithoutTelemetryKeepTheNumbersAndDatedLinesMoveTheWindow) {
+// Marked lines give averages, a maximum and the frequency; a window without telemetry keeps the
+// numbers, but its dated lines still move the window.
+TEST(LogcatDsp, MarkedLinesAverageAndPeriodsWithoutTelemetryKeepTheNumbers) {
   const std::string rest = "(scalar 10.00%, HVX 8.00%, HMX 2.00%, UDMA 1.00%)";
-  const std::string first = "dsp_util_max_prct: 20.000% | dsp_util_avg_prct: 20.000% | ";
+  // 95 characters with the line end, one short of the shortest taken.
+  const std::string short_line = dsp(kA, "HexagonTelemetry Freq: 7 50.0% 1.% 1.% 1.% 1.%");
+  const std::string both =
+      "dsp_util_max_prct: 30.500% | dsp_util_avg_prct: 25.500% | "
+      "dsp_scalar_util_avg_prct: 15.000% | dsp_hvx_util_avg_prct: 6.000% | "
+      "dsp_hmx_util_avg_prct: 2.500% | dsp_udma_util_avg_prct: 1.500% | dsp_freq: 911.50";
   check_windows<LogcatDspPlugin>(
       "/system/bin/logcat -s \"Tracking:I\" -v time,year -t ",
-      {{dsp(kA, load("20.0% " + rest)), first, kA},
-       {dsp(kB, "map relocalized, 6DoF tracking good"), first, kB},
-       {"", first, kB},
-       {std::nullopt, first, kB},
-       {"--------- beginning of main\n" + kHostile, first, kB},
-       {dsp(kA, load("60.0% " + rest)), "dsp_util_max_prct: 60.000% | ", kA}});
+      // Skipped whole: too short, marker elsewhere, no frequency, four percentages, a bare
+      // point, a number no float holds, the marker only in the rest of an overlong entry.
+      {{short_line + dsp(kA, load("50.0% " + rest), "cDSP: ") +
+            dsp(kA, "HexagonTelemetry Load: 50.0% " + rest) +
+            dsp(kA, load("50.0% (scalar 1.0% HVX 1.0% HMX 1.0%) clients: 3")) +
+            dsp(kA, load(".% " + rest)) + dsp(kA, load("50.0% " + rest, std::string(41, '9'))) +
+            dsp(kA, std::string(300, 'x') + load("50.0% " + rest)),
+        "dsp_util_max_prct: null | dsp_util_avg_prct: null | dsp_scalar_util_avg_prct: null | "
+        "dsp_hvx_util_avg_prct: null | dsp_hmx_util_avg_prct: null | "
+        "dsp_udma_util_avg_prct: null | dsp_freq: null",
+        kA},
+       {dsp(kA, load("20.5% " + rest)) +
+            dsp(kA, load("30.5% (scalar 20.0%, HVX 4.0%, HMX 3.0%, UDMA 2.0%)", "1036")),
+        both, kA},
+       {dsp(kB, "map relocalized, 6DoF tracking good"), both, kB},
+       {"", both, kB},
+       {std::nullopt, both, kB},
+       {"--------- beginning of main\n" + kHostile, both, kB},
+       {dsp(kA, "HexagonTelemetry Freq: 77 60.0% 1.% 1.% 1.% 1.%"), "dsp_util_max_prct: 60.000% | ",
+        kA}});
 }
 
 }  // namespace

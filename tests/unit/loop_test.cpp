@@ -75,56 +75,34 @@ struct Harness {
 };
 
 using Ms = std::vector<std::int64_t>;
+const std::string kCsvHeader =
+    "sequence,timestamp,device_timestamp,sample_time_ms,output_time_ms,process_time_ms,"
+    "drift_time_ms,wait_time_ms,\n";
 
 TEST(TimingLoop, TicksFallOnPlanWhateverTheWorkCosts) {
-  constexpr std::int64_t kSkip = -1;  // sleeps not checked
   struct Case {
     unsigned time, sample, output;
     std::int64_t sample_cost_ms, output_cost_ms;
     std::size_t slow_sample;  // this sample costs 1200 ms instead
     Ms samples, outputs, sleeps;
   } cases[] = {
+      // clang-format off
       // The first sample is immediate, the first report a whole output period later; the limit
       // is tested after the output step, so the cycle past it still samples, and never sleeps.
-      {2,
-       500,
-       1000,
-       0,
-       0,
-       0,
-       {0, 500, 1000, 1500, 2000, 2500},
-       {1000, 2000},
+      {2, 500, 1000, 0, 0, 0, {0, 500, 1000, 1500, 2000, 2500}, {1000, 2000},
        {500, 500, 500, 500, 500}},
-      {3,
-       300,
-       1000,
-       0,
-       0,
-       0,
-       {0, 300, 600, 900, 1200, 1500, 1800, 2100, 2400, 2700, 3000, 3300},
-       {1000, 2000, 3000},
-       {kSkip}},
-      {1, 1000, 1000, 0, 0, 0, {0, 1000, 2000}, {1000, 2000}, {kSkip}},
+      {3, 300, 1000, 0, 0, 0, {0, 300, 600, 900, 1200, 1500, 1800, 2100, 2400, 2700, 3000, 3300},
+       {1000, 2000, 3000}, {300, 300, 300, 100, 200, 300, 300, 200, 100, 300, 300, 300, 300}},
+      {1, 1000, 1000, 0, 0, 0, {0, 1000, 2000}, {1000, 2000}, {1000, 1000}},
+      // A wait of a single millisecond is still slept.
+      {1, 500, 1000, 499, 0, 0, {0, 500, 1000, 1500}, {1499}, {1, 1, 1}},
       // Work inside a cycle shortens its wait, so ticks stay on plan.
-      {3,
-       500,
-       1000,
-       7,
-       30,
-       0,
-       {0, 500, 1000, 1500, 2000, 2500, 3000, 3500},
-       {1007, 2007, 3007},
+      {3, 500, 1000, 7, 30, 0, {0, 500, 1000, 1500, 2000, 2500, 3000, 3500}, {1007, 2007, 3007},
        {493, 493, 463, 493, 463, 493, 463}},
       // An overrun drops no tick: late cycles run back to back until the plan is caught up.
-      {3,
-       500,
-       1000,
-       0,
-       0,
-       2,
-       {0, 500, 1700, 1700, 2000, 2500, 3000, 3500},
-       {1700, 2000, 3000},
+      {3, 500, 1000, 0, 0, 2, {0, 500, 1700, 1700, 2000, 2500, 3000, 3500}, {1700, 2000, 3000},
        {500, 300, 500, 500, 500}},
+      // clang-format on
   };
   for (const auto& c : cases) {
     Harness h;
@@ -135,80 +113,102 @@ TEST(TimingLoop, TicksFallOnPlanWhateverTheWorkCosts) {
     EXPECT_EQ(h.engine.run(c.time, c.sample, c.output), 0);
     EXPECT_EQ(h.probe->samples, c.samples) << c.sample;
     EXPECT_EQ(h.probe->outputs, c.outputs) << c.sample;
-    if (c.sleeps[0] != kSkip) {
-      EXPECT_EQ(h.clock->sleeps, c.sleeps) << c.sample;
-    }
+    EXPECT_EQ(h.clock->sleeps, c.sleeps) << c.sample;
   }
 }
 
+// A failing step ends the run at once, with 1 and without a further report. A clock stepped
+// back to before the start makes the elapsed time huge: a run with a limit ends in that cycle.
 TEST(TimingLoop, EndingConditions) {
   {
+    // Stopped before the first cycle: the report has its header all the same.
     Harness h;
+    h.engine.set_quiet(false);
+    h.engine.set_output_format(OutputFormat::CSV);
     stop_flag = true;
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
     EXPECT_EQ(h.engine.run(0, 500, 1000), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Starting trace. \nPress CTRL-C to stop...\n\n\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), kCsvHeader);
     EXPECT_TRUE(h.probe->samples.empty());
   }
-  {
-    Harness h;
+  const struct {
+    bool perfetto;
+    unsigned time;
+    bool ProbePlugin::*fails_from_third;
+    std::size_t steps_back_at;
+    std::string failed;  // the step the error names
+  } cases[] = {
+      {false, 0, &ProbePlugin::sample_result, 0, "Sample update"},
+      {false, 0, &ProbePlugin::output_result, 0, "Output update"},
+      {true, 0, &ProbePlugin::emit_result, 0, "Emit to perfetto"},
+      {false, 100, nullptr, 2, ""},
+  };
+  for (const auto& c : cases) {
+    Harness h(c.perfetto);
     h.probe->on_sample_hook = [&](std::size_t n) {
-      if (n == 4) stop_flag = true;
+      if (c.fails_from_third) (*h.probe).*c.fails_from_third = n < 3;
+      if (n == c.steps_back_at) h.clock->jump_to = kStartUs - 5'000'000;
     };
-    EXPECT_EQ(h.engine.run(0, 500, 1000), 0);
-    EXPECT_EQ(h.probe->samples.size(), 4u);
-  }
-  {
-    // Whichever step fails, the run ends at once with 1 and without a further report.
-    const struct {
-      bool perfetto;
-      bool ProbePlugin::*result;
-      const char* error;
-    } failures[] = {
-        {false, &ProbePlugin::sample_result, "ERROR: Sample update failed for plugin 'probe'\n"},
-        {false, &ProbePlugin::output_result, "ERROR: Output update failed for plugin 'probe'\n"},
-        {true, &ProbePlugin::emit_result, "ERROR: Emit to perfetto failed for plugin 'probe'\n"},
-    };
-    for (const auto& f : failures) {
-      Harness h(f.perfetto);
-      h.probe->on_sample_hook = [&](std::size_t n) { (*h.probe).*f.result = n < 3; };
-      testing::internal::CaptureStderr();
-      EXPECT_EQ(h.engine.run(0, 500, 1000), 1);
-      EXPECT_EQ(testing::internal::GetCapturedStderr(), f.error);
-      EXPECT_EQ(h.probe->samples.size(), 3u) << f.error;
-    }
-  }
-  {
-    // A clock stepped back to before the start makes the elapsed time huge: a run with a
-    // limit ends in that cycle.
-    Harness h;
-    h.probe->on_sample_hook = [&](std::size_t n) {
-      if (n == 2) h.clock->jump_to = kStartUs - 5'000'000;
-    };
-    EXPECT_EQ(h.engine.run(100, 500, 1000), 0);
-    EXPECT_EQ(h.probe->samples.size(), 3u);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(h.engine.run(c.time, 500, 1000), c.failed.empty() ? 0 : 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              c.failed.empty() ? "" : "ERROR: " + c.failed + " failed for plugin 'probe'\n");
+    EXPECT_EQ(h.probe->samples.size(), 3u) << c.failed;
   }
   stop_flag = false;
 }
 
-TEST(TimingLoop, ReportsCarryTheCycleStartAndPerfettoModePrintsOnlyTheCsvHeader) {
-  const std::string header =
-      "sequence,timestamp,device_timestamp,sample_time_ms,output_time_ms,process_time_ms,"
-      "drift_time_ms,wait_time_ms,\n";
-  for (bool perfetto : {false, true}) {
-    Harness h(perfetto);
+// Status goes to stderr, CSV reports to stdout, only the header in perfetto mode. A report
+// carries its cycle's start and sample time, and the cycle before's process, drift and wait: an
+// overrun's wait shows as the negative number it is. Every run stops after its second report.
+TEST(TimingLoop, ConsoleShowsStatusThenReports) {
+  const std::string rows =
+      "1,1.000,1700000001.000,4,0,4,0,496,\n2,2.000,1700000002.000,4,0,4,0,496,\n";
+  const std::string press = "Press CTRL-C to stop...\n\n\n";
+  struct Case {
+    bool perfetto, continue_charging;
+    unsigned time, sample;
+    std::size_t slow_sample;  // costs 1804 ms, the others 4 ms
+    std::string out, err;
+    Ms first_sleeps;
+  } cases[] = {
+      // clang-format off
+      {false, true, 2, 500, 0, kCsvHeader + rows, "Starting 2 second trace. \n" + press, {496}},
+      {true, true, 2, 500, 0, kCsvHeader, "Starting 2 second trace. \n" + press, {496}},
+      {false, true, 3, 500, 2,
+       kCsvHeader + "1,2.304,1700000002.304,4,0,1804,0,-1304,\n"
+                "2,2.312,1700000002.312,4,0,4,808,-312,\n",
+       "Starting 3 second trace. \n" + press, {496}},
+      // The loop's time starts after the charger has settled. A report from a cycle without a
+      // sample shows no sample time.
+      {false, false, 0, 300, 0,
+       kCsvHeader + "1,1.000,1700000002.000,0,0,4,0,96,\n2,2.000,1700000003.000,0,0,4,0,196,\n",
+       "Disabling charging...\nStarting trace. \n" + press, {1000, 296}},
+      // clang-format on
+  };
+  for (const auto& c : cases) {
+    Harness h(c.perfetto);
     h.engine.set_quiet(false);
     h.engine.set_output_format(OutputFormat::CSV);
-    h.probe->on_sample_hook = [&](std::size_t) { h.clock->now += 4'000; };
+    h.engine.set_continue_charging(c.continue_charging);
+    h.probe->on_sample_hook = [&](std::size_t n) {
+      h.clock->now += (n == c.slow_sample ? 1804 : 4) * 1000;
+    };
+    h.probe->on_output_hook = [](std::size_t n) { stop_flag = n == 2; };
     testing::internal::CaptureStdout();
-    EXPECT_EQ(h.engine.run(2, 500, 1000), 0);
-    // sample_time_ms is this cycle's; process, drift and wait the cycle before's; the empty
-    // section keeps its (empty) column.
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              perfetto ? header
-                       : header +
-                             "1,1.000,1700000001.000,4,0,4,0,496,\n"
-                             "2,2.000,1700000002.000,4,0,4,0,496,\n");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(h.engine.run(c.time, c.sample, 1000), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), c.err);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), c.out);
     EXPECT_EQ(h.probe->outputs.size(), 2u);
+    h.clock->sleeps.resize(c.first_sleeps.size());
+    EXPECT_EQ(h.clock->sleeps, c.first_sleeps);
   }
+  crash_restore::dismiss_exit_guard();
+  stop_flag = false;
 }
 
 // After a hangup the console is gone: report lines and status alike become log records, and
@@ -231,50 +231,6 @@ TEST(Console, HangupSendsReportsAndStatusToTheLog) {
         log, std::regex(std::string("(^|\\n)emberline I [0-9 :-]+ +\\d+ +\\d+ ") + text + "\\n")))
         << log;
   }
-}
-
-// An overrun makes the next wait negative; reports show it as the signed number it is.
-TEST(TimingLoop, OverrunShowsANegativeWait) {
-  Harness h;
-  h.engine.set_quiet(false);
-  h.engine.set_output_format(OutputFormat::CSV);
-  h.probe->on_sample_hook = [&](std::size_t n) {
-    if (n == 2) h.clock->now += 1'304'000 + 500'000;
-  };
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(h.engine.run(2, 500, 1000), 0);
-  auto out = testing::internal::GetCapturedStdout();
-  EXPECT_NE(out.find("\n1,2.304,1700000002.304,0,0,1804,0,-1304,\n"), std::string::npos) << out;
-}
-
-TEST(TimingLoop, StartMessagesAndChargingSettle) {
-  struct Case {
-    bool continue_charging;
-    unsigned time;
-    std::string messages;
-    Ms first_sleeps;
-  } cases[] = {
-      {true, 0, "Starting trace. \nPress CTRL-C to stop...\n\n\n", {500}},
-      {false,
-       7,
-       "Disabling charging...\nStarting 7 second trace. \nPress CTRL-C to stop...\n\n\n",
-       {1000, 500}},
-  };
-  for (const auto& c : cases) {
-    Harness h;
-    h.engine.set_quiet(false);
-    h.engine.set_continue_charging(c.continue_charging);
-    h.probe->on_sample_hook = [&](std::size_t n) {
-      if (n == 2) stop_flag = true;
-    };
-    testing::internal::CaptureStderr();
-    h.engine.run(c.time, 500, 1000);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), c.messages);
-    h.clock->sleeps.resize(c.first_sleeps.size());
-    EXPECT_EQ(h.clock->sleeps, c.first_sleeps);
-  }
-  crash_restore::dismiss_exit_guard();
-  stop_flag = false;
 }
 
 }  // namespace

@@ -57,20 +57,13 @@ TEST(Values, RenderEachForm) {
   }
 }
 
-// Root values, a labelled section, and a section nested two deep; only some fields described.
+// A root value, and a section nested two deep; only some fields labelled or described.
 std::shared_ptr<Section> report_tree() {
   auto root = std::make_shared<Section>();
   root->add_value("sequence", holding<Value<unsigned long>>(3ul),
                   O("Incrementing output sequence number"));
-  root->add_value("timestamp", holding<TimestampValue<3>>(1.5),
-                  O("Time since trace start (measured in seconds)"));
-  auto power = root->add_subsection("power", O("Device BATTERY power data", "Power (BATTERY)"));
-  power->add_value("raw", holding<UnitValue<3, 'W'>>(2.25f),
-                   O("Instantaneous power (measured in Watts)"));
-  power->add_value("voltage", holding<UnitValue<3, 'V'>>(4.2f),
-                   O("Instantaneous voltage (measured in Volts)"));
-  auto stats = root->add_subsection("stats", O());
-  stats->add_value("load", holding<PercentageValue<3>>(0.125f), O("CPU load", "Load"));
+  auto stats = root->add_subsection("stats", O("Stats about the device"));
+  stats->add_value("load", holding<PercentageValue<3>>(0.125f), O("Busy time share", "Load"));
   auto cpu = stats->add_subsection("cpu", O(std::nullopt, "CPU"));
   cpu->add_value("freq", holding<GigahertzValue<3>>(1.2f), O());
   cpu->add_value("mode", holding<SwitchValue>(), O());
@@ -85,16 +78,10 @@ TEST(SectionForms, WalkTrees) {
     std::string text, inline_text, json, csv_header, csv_data;
   } cases[] = {
       {"report example", report_tree,
-       "sequence: 3 | timestamp: 1.500\n"
-       "[Power (BATTERY)] raw: 2.250W | voltage: 4.200V\n"
-       "[stats] Load: 12.500%\n"
-       "    [CPU] freq: 1.200Ghz | mode: null",
-       "sequence=3,timestamp=1.500,Power (BATTERY)=(raw=2.250W,voltage=4.200V),"
-       "stats=(Load=12.500%,CPU=(freq=1.200Ghz,mode=null))",
-       R"({"sequence":3,"timestamp":1.500,"power":{"raw":2.250,"voltage":4.200},)"
-       R"("stats":{"load":0.12500,"cpu":{"freq":1.200,"mode":null}}})",
-       "sequence,timestamp,power.raw,power.voltage,stats.load,stats.cpu.freq,stats.cpu.mode",
-       "3,1.500,2.250,4.200,0.12500,1.200,null"},
+       "sequence: 3\n[stats] Load: 12.500%\n    [CPU] freq: 1.200Ghz | mode: null",
+       "sequence=3,stats=(Load=12.500%,CPU=(freq=1.200Ghz,mode=null))",
+       R"({"sequence":3,"stats":{"load":0.12500,"cpu":{"freq":1.200,"mode":null}}})",
+       "sequence,stats.load,stats.cpu.freq,stats.cpu.mode", "3,0.12500,1.200,null"},
       {"empty root", [] { return std::make_shared<Section>(); }, "", "", "{}", "", ""},
       {"nesting without values, then an empty section",
        [] {
@@ -133,39 +120,21 @@ TEST(SectionForms, WalkTrees) {
 
 TEST(Schema, TableForEachFormat) {
   const std::string text =
-      "Key                   Description\n"
-      "-----                 -----\n"
-      "sequence         :    Incrementing output sequence number\n"
-      "timestamp        :    Time since trace start (measured in seconds)\n"
-      "Power (BATTERY)  :    Device BATTERY power data\n"
-      "    raw          :    Instantaneous power (measured in Watts)\n"
-      "    voltage      :    Instantaneous voltage (measured in Volts)\n"
-      "stats            :    \n"
-      "    Load         :    CPU load\n"
-      "    CPU          :    \n"
-      "        freq     :    \n"
-      "        mode     :    \n";
-  const std::string json =
       "Key                Description\n"
       "-----              -----\n"
       "sequence      :    Incrementing output sequence number\n"
-      "timestamp     :    Time since trace start (measured in seconds)\n"
-      "power         :    Device BATTERY power data\n"
-      "    raw       :    Instantaneous power (measured in Watts)\n"
-      "    voltage   :    Instantaneous voltage (measured in Volts)\n"
-      "stats         :    \n"
-      "    load      :    CPU load\n"
-      "    cpu       :    \n"
+      "stats         :    Stats about the device\n"
+      "    Load      :    Busy time share\n"
+      "    CPU       :    \n"
       "        freq  :    \n"
       "        mode  :    \n";
+  std::string json = text;  // keys where text shows labels
+  json.replace(json.find("Load"), 4, "load").replace(json.find("CPU"), 3, "cpu");
   const std::string csv =
       "Key                  Description\n"
       "-----                -----\n"
       "sequence        :    Incrementing output sequence number\n"
-      "timestamp       :    Time since trace start (measured in seconds)\n"
-      "power.raw       :    Instantaneous power (measured in Watts)\n"
-      "power.voltage   :    Instantaneous voltage (measured in Volts)\n"
-      "stats.load      :    CPU load\n"
+      "stats.load      :    Busy time share\n"
       "stats.cpu.freq  :    \n"
       "stats.cpu.mode  :    \n";
   auto root = report_tree();

@@ -17,7 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using Row = std::vector<unsigned long>;
-constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+constexpr float kNan = -1.0f;  // stands for not-a-number, which no figure here can be
 
 // A cpufreq directory of files given as relative path and text.
 struct CpufreqDir {
@@ -38,68 +38,47 @@ struct CpufreqDir {
 struct Stats : StatsPlugin {
   Stats(bool cycle, const std::string& dir) : StatsPlugin(cycle, dir) {}
   using StatsPlugin::account_proc_stat, StatsPlugin::clusters, StatsPlugin::cycle_stats,
-      StatsPlugin::cycle_util_available, StatsPlugin::freq_table, StatsPlugin::num_clusters,
-      StatsPlugin::num_cores, StatsPlugin::time_stats, StatsPlugin::update_cpu_stats_by_cpu_cycles;
+      StatsPlugin::cycle_util_available, StatsPlugin::freq_table, StatsPlugin::time_stats,
+      StatsPlugin::update_cpu_stats_by_cpu_cycles;
 };
 
-// Bit for bit, a not-a-number equal to any other.
-void expect_same(const StatsPlugin::CpuStats& s, const std::vector<std::vector<float>>& expected,
-                 const std::string& what) {
-  const std::vector<float>* actual[] = {&s.core_util, &s.cluster_avg_util, &s.cluster_max_util};
-  for (std::size_t v = 0; v < 3; ++v) {
-    ASSERT_EQ(actual[v]->size(), expected[v].size()) << what;
-    for (std::size_t i = 0; i < expected[v].size(); ++i) {
-      const float a = (*actual[v])[i], e = expected[v][i];
-      EXPECT_TRUE(std::isnan(e) ? std::isnan(a) : a == e) << what << ": "
-                                                          << (v == 0   ? "core "
-                                                              : v == 1 ? "avg "
-                                                                       : "max ")
-                                                          << i << " is " << a;
-    }
-  }
+// Per-core, cluster average and cluster maximum figures, with a not-a-number read as kNan so
+// that they compare bit for bit.
+using Figures = std::vector<std::vector<float>>;
+Figures figures(const StatsPlugin::CpuStats& s) {
+  Figures all{s.core_util, s.cluster_avg_util, s.cluster_max_util};
+  for (auto& v : all)
+    std::replace_if(
+        v.begin(), v.end(), [](float f) { return std::isnan(f); }, kNan);
+  return all;
 }
 
 TEST(StatsParsers, WordsSplitAtBlanksAndNumbersLeaveOutWordsWithoutOne) {
+  // clang-format off
   // Line, first word, what the line keeps.
-  for (auto [line, word, rest] :
-       std::vector<std::array<std::string, 3>>{{"cpu0 12 34", "cpu0", "12 34"},
-                                               {"cpu  12 34", "cpu", "12 34"},
-                                               {"34", "34", ""},
-                                               {"", "", ""},
-                                               {"intr x 5", "intr", "5"},
-                                               {"a b", "a", "b"},
-                                               {"cpu0\t12 34", "cpu0\t12", "34"},
-                                               {" 12 34", "12 34", ""},
-                                               {"12 ", "12", ""}}) {
+  for (auto [line, word, rest] : std::vector<std::array<std::string, 3>>{
+           {"cpu0 12 34", "cpu0", "12 34"}, {"cpu  12 34", "cpu", "12 34"}, {"34", "34", ""},
+           {"", "", ""}, {"intr x 5", "intr", "5"}, {"a b", "a", "b"},
+           {"cpu0\t12 34", "cpu0\t12", "34"}, {" 12 34", "12 34", ""}, {"12 ", "12", ""}}) {
     EXPECT_EQ(get_first_word(line), word) << line;
     EXPECT_EQ(line, rest) << word;
   }
   for (auto [text, numbers] : std::vector<std::pair<std::string, Row>>{
-           {"47 15 11 162 52 0 3 0 0 0", {47, 15, 11, 162, 52, 0, 3, 0, 0, 0}},
-           {"", {}},
-           {"12  34", {12, 34}},
-           {"12 x 34", {12, 34}},
-           {"12 34 abc", {12, 34}},
-           {"abc", {}},
-           {"7abc 8", {7, 8}},
-           {"18446744073709551615 1", {18446744073709551615ul, 1}},
+           {"47 15 11 162 52 0 3 0 0 0", {47, 15, 11, 162, 52, 0, 3, 0, 0, 0}}, {"", {}},
+           {"12  34", {12, 34}}, {"12 x 34", {12, 34}}, {"12 34 abc", {12, 34}}, {"abc", {}},
+           {"7abc 8", {7, 8}}, {"18446744073709551615 1", {18446744073709551615ul, 1}},
            {"18446744073709551616 1", {1}}}) {
     EXPECT_EQ(get_cpu_stat(text), numbers) << text;
     EXPECT_EQ(text, "");
   }
   using P = std::optional<std::pair<int, int>>;
-  for (auto [line, cluster] : std::vector<std::pair<std::string, P>>{{"0 1 2 3\n", P({0, 3})},
-                                                                     {"4 5 7", P({4, 7})},
-                                                                     {"7\n", P({7, 7})},
-                                                                     {"0 1 2 3 \n", P({0, 3})},
-                                                                     {"", {}},
-                                                                     {"\n", {}},
-                                                                     {"3 1", {}},
-                                                                     {"x", {}},
-                                                                     {"-1 2", {}},
-                                                                     {"0 99999", {}}}) {
+  for (auto [line, cluster] : std::vector<std::pair<std::string, P>>{
+           {"0 1 2 3\n", P({0, 3})}, {"4 5 7", P({4, 7})}, {"7\n", P({7, 7})},
+           {"0 1 2 3 \n", P({0, 3})}, {"", {}}, {"\n", {}}, {"3 1", {}}, {"x", {}}, {"-1 2", {}},
+           {"0 99999", {}}}) {
     EXPECT_EQ(parse_affected_cpus(line), cluster) << line;
   }
+  // clang-format on
 }
 
 TEST(StatsTopology, PoliciesInAnyOrderGiveSortedClustersAndAStrayDirOneLine) {
@@ -116,8 +95,6 @@ TEST(StatsTopology, PoliciesInAnyOrderGiveSortedClustersAndAStrayDirOneLine) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "Failed to open " + dir.path + "/schedutil/affected_cpus\n");
     EXPECT_EQ(stats.clusters, (std::vector<std::pair<int, int>>{{0, 3}, {4, 7}}));
-    EXPECT_EQ(stats.num_cores, 8);
-    EXPECT_EQ(stats.num_clusters, 2);
   }
 }
 
@@ -207,7 +184,7 @@ TEST(StatsTimeMethod, CoresAndClustersFollowTheTicksBetweenPasses) {
   CpufreqDir dir({{"policy0/affected_cpus", "0 1\n"}, {"policy2/affected_cpus", "2 3\n"}});
   Stats stats(false, dir.path);
   const float u0 = 1.0f - 80.0f / 100.0f, u3 = 1.0f - 10.0f / 22.0f;
-  for (auto [text, expected] : std::vector<std::pair<std::string, std::vector<std::vector<float>>>>{
+  for (auto [text, expected] : std::vector<std::pair<std::string, Figures>>{
            // From zero: since boot. Core 2 is offline: 0, and its cluster still divides by two.
            // Core 3's sums wrap at 32 bits and divide as signed numbers: -6 / -12.
            {"cpu  40 0 10 130 60 0 0 0 0 0\ncpu0 10 0 10 70 10 0 0 0 0 0\n"
@@ -222,7 +199,7 @@ TEST(StatsTimeMethod, CoresAndClustersFollowTheTicksBetweenPasses) {
              {kNan, ((0.0f + 0.5f) + u3) / 2.0f},
              {1.0f - 3.0f / 5.0f, u3}}}}) {
     stats.account_proc_stat(text);
-    expect_same(stats.time_stats, expected, text);
+    EXPECT_EQ(figures(stats.time_stats), expected) << text;
   }
 }
 
@@ -234,11 +211,13 @@ TEST(StatsTimeMethod, ACoreInNoClusterReportsAloneAndOneBeyondIsPassedOver) {
                   {"policy2/stats/time_in_state", "1000 10 0 0 5 5\n"}});
   Stats stats(true, dir.path);
   stats.account_proc_stat("cpu0 1 0 0 3 0 0 0 0 0 0\ncpu1 1 0 0 1 0 0 0 0 0 0\ncpu2 3 0 0 1\n");
-  expect_same(stats.time_stats, {{0.25f, 0.5f}, {0.25f, 0.0f}, {0.25f, 0.0f}}, "ticks");
+  EXPECT_EQ(figures(stats.time_stats), (Figures{{0.25f, 0.5f}, {0.25f, 0.0f}, {0.25f, 0.0f}}))
+      << "ticks";
   ASSERT_TRUE(stats.update_cpu_stats_by_cpu_cycles());
   dir.write("policy0/stats/time_in_state", "1000 20 0 0 10 10\n");
   ASSERT_TRUE(stats.update_cpu_stats_by_cpu_cycles());
-  expect_same(stats.cycle_stats, {{0.5f, 0.0f}, {0.5f, kNan}, {0.5f, 0.0f}}, "cycles");
+  EXPECT_EQ(figures(stats.cycle_stats), (Figures{{0.5f, 0.0f}, {0.5f, kNan}, {0.5f, 0.0f}}))
+      << "cycles";
 }
 
 // One cluster of two cores, frequency rows weighing 10 and 20, and the text of each pass.
@@ -248,7 +227,7 @@ TEST(StatsCycleMethod, WeighsEachRowByItsFrequencyAndAveragesClusterSums) {
                   {tis, "1000 100 0 0 50 50 50 50\n2000 100 0 0 50 50 50 50\n"}});
   Stats stats(true, dir.path);
   const auto f = [](double d) { return static_cast<float>(d); };
-  for (auto [text, expected] : std::vector<std::pair<std::string, std::vector<std::vector<float>>>>{
+  for (auto [text, expected] : std::vector<std::pair<std::string, Figures>>{
            // The first pass takes the counters: all zero.
            {"1000 100 0 0 50 50 50 50\n2000 100 0 0 50 50 50 50\n", {{0, 0}, {0}, {0}}},
            // Core 0: busy 5*10 + 1*20, idle 5*10 + 9*20. Core 1: 3 busy and 3 idle of 10 in the
@@ -266,7 +245,7 @@ TEST(StatsCycleMethod, WeighsEachRowByItsFrequencyAndAveragesClusterSums) {
             {{0, 1}, {f(1.0 - 100.0 / 200.0)}, {1}}}}) {
     dir.write(tis, text);
     ASSERT_TRUE(stats.update_cpu_stats_by_cpu_cycles());
-    expect_same(stats.cycle_stats, expected, text);
+    EXPECT_EQ(figures(stats.cycle_stats), expected) << text;
   }
   dir.write(tis, "1000 140 0 0 60 65 53\n2000 110 0 0 51 59 55 55\n");
   testing::internal::CaptureStderr();
@@ -282,9 +261,8 @@ struct FakeReader : FileReader {
 };
 
 TEST(StatsGpu, UtilizationPrefersTheAccumulatingCountersAndFreqIsMegahertz) {
-  const std::string accum = "/sys/class/kgsl/kgsl-3d0/gpubusy_accum",
-                    busy = "/sys/class/kgsl/kgsl-3d0/gpubusy",
-                    clock = "/sys/class/kgsl/kgsl-3d0/clock_mhz";
+  const std::string kgsl = "/sys/class/kgsl/kgsl-3d0/", accum = kgsl + "gpubusy_accum",
+                    busy = kgsl + "gpubusy", clock = kgsl + "clock_mhz";
   const auto saved = file_reader;
   auto fake = std::make_shared<FakeReader>();
   file_reader = fake;

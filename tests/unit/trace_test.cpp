@@ -21,7 +21,9 @@ TEST_F(TraceTest, EachEventLandsInItsFields) {
   constexpr std::uint32_t kBoottime = protos::pbzero::BUILTIN_CLOCK_BOOTTIME;
   const std::string watts = "Watts";  // another plugin's copy of the name: the same track
   const Track dsp7(7, ProcessTrack::Current()), dsp9(9, ProcessTrack::Current());
-  const DebugAnnotation args[] = {{"dsp_cycle", -5}, {"dsp_udma", kMax}};
+  // The second annotation is a nested message of 128 bytes, the first whose length takes two.
+  const std::string long_name(116, 'a');
+  const DebugAnnotation args[] = {{"dsp_cycle", -5}, {long_name.c_str(), kMax}};
   const struct Event {
     const char* counter;  // else a slice on dsp7, with both annotations
     EventType type;
