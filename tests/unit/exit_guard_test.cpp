@@ -4,11 +4,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -67,6 +69,31 @@ TEST(ExitGuard, WritesBackEveryEntryItWasGivenWhenTheProcessIsKilled) {
     EXPECT_EQ(contents(second), c.second_after);
     std::filesystem::remove_all(dir);
   }
+}
+
+// Without the guard, the handlers alone: each fatal signal writes the remembered bytes back from
+// the dying process itself, then ends it as the signal would have.
+TEST(ExitGuard, FatalSignalsWriteBackThenTakeTheirDefaultAction) {
+  char dir[] = "/tmp/fatal-signal-XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string node = std::string(dir) + "/node";
+  for (int sig : {SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL}) {
+    std::ofstream(node) << "1";
+    pid_t child = fork();
+    if (child == 0) {
+      rlimit no_core{0, 0};
+      setrlimit(RLIMIT_CORE, &no_core);
+      cr::remember(::open(node.c_str(), O_WRONLY), "0\n");
+      cr::install_fatal_signal_handlers();
+      ::raise(sig);
+      _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == sig) << strsignal(sig) << " " << status;
+    EXPECT_EQ(contents(node), "0\n") << strsignal(sig);
+  }
+  std::filesystem::remove_all(dir);
 }
 
 // In-process, so that it runs where the guard's fork of a fork cannot.
