@@ -82,10 +82,13 @@ TEST(StatsParsers, WordsSplitAtBlanksAndNumbersLeaveOutWordsWithoutOne) {
 }
 
 TEST(StatsTopology, PoliciesInAnyOrderGiveSortedClustersAndAStrayDirOneLine) {
+  // Seven clusters, so that a listing that happens to come sorted (ext4 lists in hash order,
+  // whatever the order of creation) is one chance in 5040.
   for (bool reversed : {false, true}) {
     CpufreqDir dir({});
     std::vector<std::pair<std::string, std::string>> policies{
-        {"policy4", "4 5 6 7\n"}, {"policy0", "0 1 2 3\n"}, {"policy9", "\n"}};
+        {"policy6", "6 7\n"}, {"policy0", "0\n"}, {"policy9", "\n"},  {"policy3", "3\n"},
+        {"policy1", "1 2\n"}, {"policy5", "5\n"}, {"policy4", "4\n"}, {"policy8", "8 9\n"}};
     if (reversed) std::reverse(policies.begin(), policies.end());
     for (const auto& [name, cpus] : policies) dir.write(name + "/affected_cpus", cpus);
     dir.write("schedutil/tunable", "1\n");
@@ -94,7 +97,8 @@ TEST(StatsTopology, PoliciesInAnyOrderGiveSortedClustersAndAStrayDirOneLine) {
     Stats stats(false, dir.path);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "Failed to open " + dir.path + "/schedutil/affected_cpus\n");
-    EXPECT_EQ(stats.clusters, (std::vector<std::pair<int, int>>{{0, 3}, {4, 7}}));
+    EXPECT_EQ(stats.clusters, (std::vector<std::pair<int, int>>{
+                                  {0, 0}, {1, 2}, {3, 3}, {4, 4}, {5, 5}, {6, 7}, {8, 9}}));
   }
 }
 
