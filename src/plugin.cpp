@@ -229,13 +229,16 @@ bool PluginManager::on_output() {
       auto end = std::chrono::steady_clock::now();
       auto found = timing_section->plugin_times.find(key);
       if (found != timing_section->plugin_times.end()) {
-        auto micros =
-            std::chrono::duration_cast<std::chrono::nanoseconds>(end - begin).count() / 1000;
-        found->second->set(static_cast<float>(static_cast<std::int32_t>(micros / 1000.0)));
+        found->second->set(detail::whole_milliseconds(end - begin));
       }
     }
   }
   return true;
+}
+
+float detail::whole_milliseconds(std::chrono::nanoseconds elapsed) {
+  const std::int64_t micros = elapsed.count() / 1000;
+  return static_cast<float>(static_cast<std::int32_t>(static_cast<double>(micros) / 1000.0));
 }
 
 const bool is_brantley = Zavra::OS::deviceIsBrantley();

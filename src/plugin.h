@@ -31,6 +31,10 @@ class ISerializable {
 namespace detail {
 // Classic-locale "%#.Nf": always N digits behind the point, no width, fill or sign flag.
 std::string fixed_point(double number, int decimals);
+
+// A plugin's report time as its timing field shows it: whole milliseconds, cut rather than
+// rounded, so that 0.9 ms shows 0.
+float whole_milliseconds(std::chrono::nanoseconds elapsed);
 }  // namespace detail
 
 // A leaf of the output tree. Plugins store readings in place; the tree prints whatever is there.

@@ -93,6 +93,13 @@ TEST(PluginManager, TimingHoldsWholeMillisecondsOfTheLastReportAndPluginsGoLastT
   float alpha = manager->timing_section->plugin_times.at("alpha")->value;
   EXPECT_GE(alpha, 3.0f);
   EXPECT_EQ(alpha, std::floor(alpha));
+  using std::chrono::nanoseconds;
+  // clang-format off
+  for (auto [ns, ms] : {std::pair{999LL, 0.0f}, {900'000, 0.0f}, {1'000'000, 1.0f},
+                        {1'999'999, 1.0f}, {12'345'678, 12.0f}, {3'600'000'000'000, 3.6e6f}}) {
+    // clang-format on
+    EXPECT_EQ(detail::whole_milliseconds(nanoseconds(ns)), ms) << ns;
+  }
 
   // Plugins a failed report never reached show zero rather than the previous report's time.
   script.failing = {"zeta.output"};
