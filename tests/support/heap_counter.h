@@ -36,6 +36,12 @@ void* operator new(std::size_t size) {
   if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
   throw std::bad_alloc();
 }
+// The library's temporary buffers (std::stable_sort) come from the nothrow form and go back
+// through the plain delete above, so it must come from malloc too.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  heap_counter::allocations.fetch_add(1, std::memory_order_relaxed);
+  return std::malloc(size == 0 ? 1 : size);
+}
 void operator delete(void* p) noexcept {
   std::free(p);
 }
