@@ -190,9 +190,9 @@ class Registry {
       links = std::move(node.links);
       node.links.clear();
     }
-    for (auto& [recipient, cookie] : links) {
-      if (auto strong = recipient.lock()) {
-        post([strong, cookie] { strong->serviceDied(cookie, wp<IBase>()); });
+    for (auto& link : links) {
+      if (auto strong = link.first.lock()) {
+        post([strong, cookie = link.second] { strong->serviceDied(cookie, wp<IBase>()); });
       }
     }
     return dying;
