@@ -281,9 +281,14 @@ void LiveThreads::update(const ProcTreeState& tree) {
     } else if (slot->second.version != t.version) {
       // In place: a counter only grows, so its file never gets shorter, and a new inode at every
       // tick would cost the file system far more than the bytes.
+      // A node the host replaced (a FIFO, say) is left as the host made it: it no longer
+      // stands for the thread's counters, and opening it must not wait for a reader.
       std::string path = task + std::to_string(t.tid) + "/time_in_state";
-      UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-      if (fd) rewrite(fd.get(), time_in_state(params_, t));
+      UniqueFd fd(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+      struct stat st {};
+      if (fd && ::fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode)) {
+        rewrite(fd.get(), time_in_state(params_, t));
+      }
       slot->second.version = t.version;
     }
   }

@@ -2,11 +2,13 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 #include <tuple>
@@ -142,6 +144,15 @@ TEST(ProcTree, ShortLivedThreadsStartAndEndAndTheFilesFollow) {
     return tids;
   };
   EXPECT_EQ(on_disk().size(), 300u);
+  // Nodes a fault run turned into FIFOs, one with a silent writer and one with none, stay so.
+  std::map<int, std::string> replaced;
+  for (std::size_t i : {0, 1}) {
+    const ThreadState& t = model.state().threads.threads[i];
+    replaced[t.tid] = state.path() + thread_dir(t.pid, t.tid) + "/time_in_state";
+    fs::remove(replaced[t.tid]);
+    ASSERT_EQ(::mkfifo(replaced[t.tid].c_str(), 0644), 0);
+  }
+  const int silent = ::open(replaced.begin()->second.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
   for (int i = 0; i < 1000; ++i) {
     model.step();
     live.update(model.state().threads);
@@ -153,10 +164,17 @@ TEST(ProcTree, ShortLivedThreadsStartAndEndAndTheFilesFollow) {
   for (const ThreadState& t : model.state().threads.threads) {
     expected.insert(std::to_string(t.tid));
     std::string dir = state.path() + thread_dir(t.pid, t.tid);
+    if (replaced.contains(t.tid)) {
+      EXPECT_TRUE(fs::is_fifo(dir + "/time_in_state")) << t.tid;
+      replaced.erase(t.tid);
+      continue;
+    }
     EXPECT_EQ(read_file(dir + "/time_in_state"), time_in_state(profile.model.threads, t)) << t.tid;
     EXPECT_EQ(read_file(dir + "/comm"), t.traits.comm + "\n") << t.tid;
   }
   EXPECT_EQ(on_disk(), expected);
+  EXPECT_TRUE(replaced.empty()) << "a replaced thread ended, so its node was never rewritten";
+  ::close(silent);
 }
 
 // The sim binary end to end.
