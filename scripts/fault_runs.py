@@ -442,6 +442,9 @@ def execute(plan, build, seed, timeout_s):
         if writer:
             writer.join()
         judge(plan, run, code, state, initial, outcome)
+        if outcome.problems:
+            tail = run.err.decode(errors="replace").splitlines()[-6:]
+            outcome.problems += [f"stderr: {line}" for line in tail]
     finally:
         stop.set()
         if held is not None:
