@@ -78,6 +78,7 @@ def main():
     run = simrun.SimRun(args.build, state, PROFILE, tool_args, seed=args.seed, discard_out=True)
     failures = []
     rows = []
+    ended = False
     try:
         if not run.wait_ready(30):
             raise SystemExit("soak: the sim never started")
@@ -99,9 +100,12 @@ def main():
             rows.append(("end", *last))
             print_row(*rows[-1])
         code = run.wait(60)
+        ended = True
     finally:
         if run.proc.poll() is None:
             run.kill()
+        if not ended:
+            shutil.rmtree(state, ignore_errors=True)
     if code != 0:
         failures.append(f"exit {code}")
     if rows and rows[0][0] == "warm-up":
@@ -136,5 +140,7 @@ def print_row(label, elapsed, values):
 
 
 if __name__ == "__main__":
+    # Stopped by either, the run in the sim (a session of its own) is ended too.
     signal.signal(signal.SIGINT, signal.default_int_handler)
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
     sys.exit(main())
