@@ -280,9 +280,9 @@ void LiveThreads::update(const ProcTreeState& tree) {
       ::rename(building.c_str(), (task + std::to_string(t.tid)).c_str());
     } else if (slot->second.version != t.version) {
       // In place: a counter only grows, so its file never gets shorter, and a new inode at every
-      // tick would cost the file system far more than the bytes.
-      // A node the host replaced (a FIFO, say) is left as the host made it: it no longer
-      // stands for the thread's counters, and opening it must not wait for a reader.
+      // tick would cost the file system far more than the bytes. A node the host replaced (a
+      // FIFO, say) no longer stands for the counters: it is left as it is, without waiting for
+      // a reader to open it.
       std::string path = task + std::to_string(t.tid) + "/time_in_state";
       UniqueFd fd(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
       struct stat st {};
