@@ -13,6 +13,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/os/read.h"
 #include "platform/zavra_os/zavra_os.h"
 #include "support/process.h"
 
@@ -40,6 +41,63 @@ TEST_F(Node, ReadTextGivesTheWholeTextUpToItsLimit) {
   std::string big(10000, 'x');
   write_file(path, big);
   EXPECT_EQ(ReadText(path, 0xA00000), big);
+}
+
+TEST_F(Node, ReadNodeTellsWholeFromCutAndKeepsItsBuffer) {
+  using emberline::os::NodeRead;
+  using emberline::os::read_node;
+  const std::string big(10000, 'x');
+  struct Case {
+    std::string content;
+    std::size_t limit;
+    NodeRead result;
+    std::string text;
+  } cases[] = {
+      {"50\n", 3, NodeRead::kWhole, "50\n"},
+      {"50\n", 2, NodeRead::kOverLimit, "50"},
+      {"", 4, NodeRead::kWhole, ""},
+      {"", 0, NodeRead::kWhole, ""},
+      {"7", 0, NodeRead::kOverLimit, ""},
+      {big, big.size(), NodeRead::kWhole, big},
+      {big, 4097, NodeRead::kOverLimit, big.substr(0, 4097)},
+  };
+  std::string text = "left from before";
+  for (const Case& c : cases) {
+    write_file(path, c.content);
+    EXPECT_EQ(read_node(path, text, c.limit), c.result) << c.content.size() << " " << c.limit;
+    EXPECT_EQ(text, c.text);
+  }
+  const char* kept = text.data();
+  write_file(path, "12 34\n");
+  ASSERT_EQ(read_node(path, text, 100), NodeRead::kWhole);
+  EXPECT_EQ(text.data(), kept) << "a smaller node reuses the grown buffer";
+  EXPECT_EQ(read_node(dir + "/absent", text, 100), NodeRead::kUnopened);
+  EXPECT_EQ(text, "");
+  // A FIFO whose writer is silent fails the read at once instead of holding it.
+  ASSERT_EQ(mkfifo((dir + "/fifo").c_str(), 0600), 0);
+  const int writer = open((dir + "/fifo").c_str(), O_RDWR | O_NONBLOCK);
+  EXPECT_EQ(read_node(dir + "/fifo", text, 100), NodeRead::kFailed);
+  close(writer);
+}
+
+TEST(Lines, EveryLineWithoutItsEndAndAStopOnFalse) {
+  for (auto [text, joined] : std::vector<std::pair<std::string, std::string>>{{"", ""},
+                                                                              {"a", "a|"},
+                                                                              {"a\n", "a|"},
+                                                                              {"a\nb", "a|b|"},
+                                                                              {"\n\nb\n", "||b|"},
+                                                                              {"a\r\n", "a\r|"}}) {
+    std::string seen;
+    emberline::os::for_each_line(text,
+                                 [&](std::string_view line) { seen += std::string(line) + "|"; });
+    EXPECT_EQ(seen, joined) << text;
+  }
+  int calls = 0;
+  emberline::os::for_each_line("a\nstop\nc\n", [&](std::string_view line) {
+    ++calls;
+    return line != "stop";
+  });
+  EXPECT_EQ(calls, 2);
 }
 
 TEST_F(Node, WriteTextReplacesOrAppendsButNeverCreates) {

@@ -8,6 +8,7 @@
 
 #include "platform/os/node.h"
 #include "platform/os/os.h"
+#include "platform/os/read.h"
 
 namespace Zavra::OS {
 
@@ -57,26 +58,10 @@ bool deviceIsBrantley() {
 namespace File {
 
 std::optional<std::string> ReadText(const std::string& path, unsigned long limit) {
-  int fd = emberline::os::open_node(path);
-  if (fd < 0) return std::nullopt;
   std::string text;
-  char buffer[4096];
-  // sysfs reports 4096 for every node, so the size is learned by reading to the end.
-  for (;;) {
-    ssize_t got = ::read(fd, buffer, sizeof buffer);
-    if (got < 0) {
-      if (errno == EINTR) continue;
-      ::close(fd);
-      return std::nullopt;
-    }
-    if (got == 0) break;
-    text.append(buffer, static_cast<std::size_t>(got));
-    if (text.size() > limit) {
-      ::close(fd);
-      return std::nullopt;
-    }
+  if (emberline::os::read_node(path, text, limit) != emberline::os::NodeRead::kWhole) {
+    return std::nullopt;
   }
-  ::close(fd);
   return text;
 }
 
