@@ -146,19 +146,16 @@ void DspTracePlugin::run_worker() {
     const std::string shortened(kWorkerName, 15);
     ::pthread_setname_np(::pthread_self(), shortened.c_str());
   }
-  auto* block = reinterpret_cast<char*>(entries);
-  // A read may end anywhere, even inside a record. Its bytes are kept and the next read goes
-  // behind them, so only whole blocks, as the DSP writes them, are ever processed; a block cut
-  // short is completed by the following read instead of being taken for one ending in zeros.
-  std::size_t filled = 0;
+  // Each read is handled on its own: the agent writes whole blocks, a block never spans two
+  // reads, and a short write (fewer records) leaves the cleared block's tail zero, which ends it.
+  // Gathering reads into whole blocks instead would hold a short write back and shift every block
+  // behind it.
   while (!stop.load()) {
-    const ssize_t got = ::read(pipe_fd, block + filled, kBlockBytes - filled);
+    const ssize_t got = ::read(pipe_fd, entries, kBlockBytes);
     if (stop.load()) break;
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    filled += static_cast<std::size_t>(got);
-    if (filled < kBlockBytes) continue;
-    filled = 0;
+    // Only a pipe whose every writer has gone, or a descriptor that cannot be read, ends the loop:
+    // the FIFO is held open for writing too, so neither happens to it.
+    if (got == 0 || (got < 0 && errno != EINTR && errno != EAGAIN)) break;
     processDspTraces(entries);
   }
 }

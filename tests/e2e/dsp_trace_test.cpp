@@ -3,11 +3,14 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 
 #include "harness.h"
@@ -21,19 +24,31 @@ using emberline::DspTracePlugin;
 using Entry = DspTracePlugin::DspLogEntry;
 constexpr const char* kFifo = "/data/misc/dsp/HexagonTelemetrySharedFIFO";
 
-// Runs the tool and writes `records` as one block into its FIFO once the run has started: the
-// plugin holds the FIFO open from its start, and the trace session is recording by then.
-e2e::Result run_with_block(const std::vector<std::string>& args, const std::vector<Entry>& records,
-                           int signal = 0) {
+// What the test, standing in for the DSP's agent, writes into the FIFO at once: the records
+// alone (a short write), or padded with zeros to a whole block as the agent writes them.
+struct Write {
+  std::vector<Entry> records;
+  bool whole_block = true;
+};
+
+// Runs the tool and makes `writes` into its FIFO once the run has started: the plugin holds the
+// FIFO open from its start, and the trace session is recording by then. Each write waits until
+// the tool has taken the one before out of the FIFO, so that every write is a read of its own.
+e2e::Result run_with_writes(const std::vector<std::string>& args, const std::vector<Write>& writes,
+                            int signal = 0) {
   e2e::Options options;
   options.signal_after_start = signal;
   options.once_started = [&] {
-    if (records.empty()) return;
-    Entry block[DspTracePlugin::kEntriesPerBlock] = {};
-    std::copy(records.begin(), records.end(), block);
+    if (writes.empty()) return;
     const int fd = ::open(kFifo, O_WRONLY | O_NONBLOCK);
     EXPECT_GE(fd, 0);
-    EXPECT_EQ(::write(fd, block, sizeof block), static_cast<ssize_t>(sizeof block));
+    for (const Write& w : writes) {
+      for (int pending = 1; ::ioctl(fd, FIONREAD, &pending) == 0 && pending > 0;) sched_yield();
+      std::vector<Entry> bytes = w.records;
+      if (w.whole_block) bytes.resize(DspTracePlugin::kEntriesPerBlock);
+      const std::size_t size = bytes.size() * sizeof(Entry);
+      EXPECT_EQ(::write(fd, bytes.data(), size), static_cast<ssize_t>(size));
+    }
     ::close(fd);
   };
   return e2e::run(args, options);
@@ -47,7 +62,7 @@ TEST(DspTrace, BlocksBecomeReportedSlicesAndTheFifoGoesAway) {
       {"dma", 22, now + 100, now + 300, 0, 5, {}, {-8}, 12, 0},
       {"conv", 11, now + 3000, now + 4500, 0, 7, {}, {}, 7, 0},
   };
-  auto result = run_with_block({"--no-power", "--dsp-trace", "--json", "-t", "2"}, records);
+  auto result = run_with_writes({"--no-power", "--dsp-trace", "--json", "-t", "2"}, {{records}});
   EXPECT_EQ(result.exit_code, 0) << result.err;
   EXPECT_FALSE(std::filesystem::exists(kFifo));
   EXPECT_EQ(result.err.find("Failed to create dsp"), std::string::npos) << result.err;
@@ -71,6 +86,41 @@ TEST(DspTrace, BlocksBecomeReportedSlicesAndTheFifoGoesAway) {
                 "B DSP_THREAD 7 +3000000 conv dsp_cycle=7 dsp_udma=0" + none,
                 "E DSP_THREAD 7 +4500000 dsp_cycle=7 dsp_udma=0" + none,
             }));
+}
+
+// A short write, one record alone, is reported at once, and the whole blocks behind it lose
+// nothing: every record counts, in the report and in the trace.
+TEST(DspTrace, AShortWriteAndTheBlocksBehindItAreAllReported) {
+  const std::uint64_t now = emberline::platform::cntvct_to_us(emberline::platform::read_cntvct());
+  auto record = [now](std::uint64_t id, const char* name, std::uint64_t ms) {
+    Entry e{{}, id, now + 1000 * ms, now + 2000 * ms, 0, 0, {}, {}, 5, 0};
+    std::strncpy(e.name, name, sizeof e.name - 1);
+    return e;
+  };
+  auto result = run_with_writes({"--no-power", "--dsp-trace", "--json", "-t", "1"},
+                                {{{record(1, "short", 1)}, false},
+                                 {{record(2, "first", 2)}},
+                                 {{record(3, "second", 4)}},
+                                 {{record(4, "third", 8)}}});
+  EXPECT_EQ(result.exit_code, 0) << result.err;
+  const auto reports = e2e::lines(result.out);
+  ASSERT_EQ(reports.size(), 1u) << result.out;
+  EXPECT_TRUE(reports[0].ends_with(
+      R"("time_slice_map":{"first":2,"second":4,"short":1,"third":8},"num_slices":4}})"))
+      << reports[0];
+  // Each read takes its own clock offset, so the events are compared without their times.
+  std::vector<std::string> events;
+  for (const std::string& event :
+       trace_test::slice_events(trace_test::read_trace(e2e::only_file(".perfetto-trace")))) {
+    const std::size_t time = event.find(" +");
+    events.push_back(event.substr(0, time) + event.substr(event.find(' ', time + 1)));
+  }
+  const std::string zeros = " dsp_cycle=0 dsp_udma=0 dsp_hmx=0 dsp_pkts=0 dsp_hvx_pkt=0";
+  EXPECT_EQ(events,
+            (std::vector<std::string>{"B DSP_THREAD 5 short" + zeros, "E DSP_THREAD 5" + zeros,
+                                      "B DSP_THREAD 5 first" + zeros, "E DSP_THREAD 5" + zeros,
+                                      "B DSP_THREAD 5 second" + zeros, "E DSP_THREAD 5" + zeros,
+                                      "B DSP_THREAD 5 third" + zeros, "E DSP_THREAD 5" + zeros}));
 }
 
 // Set-up failures are reported and survived; a FIFO left by a killed run serves; and the FIFO
@@ -99,8 +149,10 @@ TEST(DspTrace, WaysInAndOut) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.signal ? strsignal(c.signal) : c.err);
     c.prepare();
+    std::vector<Write> writes;
+    if (!c.records.empty()) writes.push_back({c.records});
     auto result =
-        run_with_block({"--no-power", "--dsp-trace", "--json", "-t", "1"}, c.records, c.signal);
+        run_with_writes({"--no-power", "--dsp-trace", "--json", "-t", "1"}, writes, c.signal);
     std::filesystem::create_directories("/data/misc/dsp");
     EXPECT_NE(result.err.find(c.err), std::string::npos) << result.err;
     EXPECT_NE(result.out.find(c.out), std::string::npos) << result.out;
