@@ -115,8 +115,7 @@ namespace {
 
 const std::string kRoot = "/sys/devices/system/cpu/bw_prof/";
 constexpr unsigned long kReadLimit = 0xA00000;
-// Room for a few hundred samples per list before the buffer has to grow.
-constexpr std::size_t kInitialReadBuffer = 16 * 1024;
+// Room for the lists of a few seconds' sampling before they have to grow.
 constexpr std::size_t kInitialSamples = 1024;
 
 enum Counter {
@@ -235,19 +234,10 @@ QuillonDRAMBandwidthPlugin::~QuillonDRAMBandwidthPlugin() {
     crash_restore::forget(r.slot);
     ::close(r.fd);
   }
-  for (int fd : sample_fds) {
-    if (fd >= 0) ::close(fd);
-  }
 }
 
 bool QuillonDRAMBandwidthPlugin::init() {
-  // Opening has no effect on the driver, so the lists are readable even if configuring fails.
-  for (int i = 0; i < kMonitors; ++i) {
-    sample_fds[i] = os::open_node(sample_paths[i]);
-    monitor_samples[i].reserve(kInitialSamples);
-  }
-  read_buffer.resize(kInitialReadBuffer);
-
+  for (auto& samples : monitor_samples) samples.reserve(kInitialSamples);
   bool mapped = initClientMappings();
   cpu_monitor = monitorOf("cpu");
   gpu_monitor = monitorOf("gpu");
@@ -327,27 +317,16 @@ bool QuillonDRAMBandwidthPlugin::configureMonitors(const std::string& text) {
 bool QuillonDRAMBandwidthPlugin::readSampleNode(int monitor) {
   std::vector<dram::Sample>& samples = monitor_samples[monitor];
   samples.clear();
-  int fd = sample_fds[monitor];
-  std::size_t size = 0;
-  if (fd >= 0) {
-    // Past the limit the node counts as unreadable, as a whole-file read would have it.
-    while (size <= kReadLimit) {
-      if (size == read_buffer.size()) read_buffer.resize(std::max(size * 2, kInitialReadBuffer));
-      ssize_t got = ::pread(fd, read_buffer.data() + size, read_buffer.size() - size,
-                            static_cast<off_t>(size));
-      if (got < 0 && errno == EINTR) continue;
-      if (got <= 0) {
-        if (got == 0) {
-          dram::parse_samples(std::string_view(read_buffer.data(), size), samples);
-          return true;
-        }
-        break;
-      }
-      size += static_cast<std::size_t>(got);
-    }
+  // By path at every tick: the driver may replace the node, or make it only after the start.
+  const auto text = Zavra::OS::File::ReadText(sample_paths[monitor], kReadLimit);
+  if (!text) {
+    std::cerr << "Failed to read sample from '" << sample_paths[monitor] << "'" << std::endl;
+    return false;
   }
-  std::cerr << "Failed to read sample from '" << sample_paths[monitor] << "'" << std::endl;
-  return false;
+  const std::size_t end = text->find_last_not_of(" \t\n\r");
+  dram::parse_samples(std::string_view(*text).substr(0, end == std::string::npos ? 0 : end + 1),
+                      samples);
+  return true;
 }
 
 void QuillonDRAMBandwidthPlugin::store(const ClientValues& values,

@@ -91,10 +91,7 @@ class QuillonDRAMBandwidthPlugin : public Plugin {
   std::vector<std::string> sample_paths;
   std::unordered_map<std::string, unsigned int> client_index;
 
-  // The sample path reads through descriptors held from init into buffers sized there, so a tick
-  // opens nothing and, once the lists fit, allocates nothing.
-  std::array<int, kMonitors> sample_fds{-1, -1, -1};
-  std::vector<char> read_buffer;
+  // Kept across ticks, so that once the lists fit, parsing them allocates nothing.
   std::array<std::vector<dram::Sample>, kMonitors> monitor_samples;
   unsigned int cpu_monitor = 0, gpu_monitor = 0, total_monitor = 0;
 
