@@ -72,13 +72,14 @@ bool QuillonPowerRailsPlugin::init() {
                 << std::endl;
       return false;
     }
-    // One value per rail, made before any reading, so a rail whose first reading is garbled still
-    // has a field for the next one.
-    auto value = std::make_shared<UnitValue<3, 'W'>>();
-    rail_values[dir][short_key(i)] = value;
-    add_value(rail_names[dir] + "_" + short_key(i), value, FieldOptions());
+    // Each line makes the rail's value anew: a node without a line gives the rail no field, and
+    // of a node with two lines the report keeps the value made first, while the outputs update
+    // the one made last. A garbled line still makes its value, null until a reading comes.
     for (std::string line; std::getline(power_files[i], line);) {
+      auto value = std::make_shared<UnitValue<3, 'W'>>();
+      rail_values[dir][short_key(i)] = value;
       if (auto watts = microwatts_to_watts(line)) value->set(*watts);
+      add_value(rail_names[dir] + "_" + short_key(i), value, FieldOptions());
     }
   }
   return true;

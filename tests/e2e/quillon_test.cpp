@@ -2,10 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <filesystem>
+#include <map>
 
 #include "harness.h"
 #include "plugins/charge_plugin.h"
+#include "plugins/quillon_power_rails_plugin.h"
 
 namespace {
 
@@ -142,6 +145,58 @@ TEST(QuillonRails, OneFieldPerHexadecimalRailDirectory) {
   line = section(result.out, "[Quillon Rails] ");
   EXPECT_NE(line.find("r_rail_47: 0.001W"), std::string::npos) << line;
   EXPECT_EQ(line.find("r_rail_48"), std::string::npos);
+}
+
+// At start-up each line of a rail's power node makes its value: a node without a line gives the
+// rail no field, and of two lines the report keeps the first value for the run. Later readings
+// follow the node of a one-line rail at every output.
+TEST(QuillonRails, AtStartEachLineMakesTheRailsValue) {
+  namespace fs = std::filesystem;
+  const std::string powercap = "/sys/class/powercap/";
+  for (const auto& entry : fs::directory_iterator(powercap)) fs::remove_all(entry.path());
+  const std::map<std::string, std::pair<std::string, std::string>> rails{
+      {"epm:a", {"two", "1500000\n2500000\n"}},
+      {"epm:b", {"empty", ""}},
+      {"epm:c", {"one", "750000\n"}}};
+  for (const auto& [dir, rail] : rails) {
+    fs::create_directories(powercap + dir);
+    e2e::write_file(powercap + dir + "/name", rail.first + "\n");
+    e2e::write_file(powercap + dir + "/power_uw", rail.second);
+  }
+  // A rail's key holds its place in the listing, which nothing sorts.
+  std::map<std::string, std::string> key;
+  int position = 0;
+  for (const auto& entry : fs::directory_iterator(powercap)) {
+    const std::string dir = entry.path().filename();
+    key[dir] = rails.at(dir).first + "_rail_" + std::to_string(position++);
+  }
+  auto plugin = std::make_shared<emberline::QuillonPowerRailsPlugin>();
+  ASSERT_TRUE(plugin->init());
+  auto shown = [&](const std::string& two, const std::string& one) {
+    std::map<std::string, std::string> fields{{key["epm:a"], two}, {key["epm:c"], one}};
+    std::string text;
+    for (const auto& entry : fs::directory_iterator(powercap)) {
+      const std::string dir = entry.path().filename();
+      if (fields.count(key[dir])) {
+        text += (text.empty() ? "" : " | ") + key[dir] + ": " + fields[key[dir]];
+      }
+    }
+    return text;
+  };
+  EXPECT_EQ(plugin->to_str(), shown("1.500W", "0.750W"));
+  EXPECT_EQ(plugin->get_description(emberline::OutputFormat::CSV).find(key["epm:b"]),
+            std::string::npos);
+  for (auto [two, one, watts] :
+       std::vector<std::array<const char*, 3>>{{"4000000\n", "1250000\n", "1.250W"},
+                                               {"5000000\n", "20\n", "0.000W"},
+                                               {"", "3333333\n", "3.333W"},
+                                               {"6000000\n", "", "3.333W"}}) {
+    e2e::write_file(powercap + "epm:a/power_uw", two);
+    e2e::write_file(powercap + "epm:c/power_uw", one);
+    e2e::write_file(powercap + "epm:b/power_uw", "9000000\n");
+    ASSERT_TRUE(plugin->on_output());
+    EXPECT_EQ(plugin->to_str(), shown("1.500W", watts)) << one;
+  }
 }
 
 }  // namespace
