@@ -286,14 +286,15 @@ bool StatsPlugin::add_frequency_weights(std::string_view text, int c, unsigned l
     if (!extended) return;
     line.assign(text_line);
     get_cpu_stat(line, row);
-    // Two numbers are the kernel's plain format; a row without numbers weighs nothing either.
+    // Two numbers are the kernel's plain format; a row without numbers has no frequency to
+    // weigh. A file without rows passes: its cores then count nothing, and read as not a number.
     if (row.size() == 2 || row.empty()) {
       extended = false;
       return;
     }
     weights.push_back(row[0] / tick_rate);
   });
-  if (!extended || weights.empty()) return false;
+  if (!extended) return false;
   for (int core = clusters[c].first; core <= clusters[c].second && core < num_cores; ++core) {
     if (cluster_of(core) != c) continue;
     total_time[static_cast<std::size_t>(core)].assign(weights.size(), 0);

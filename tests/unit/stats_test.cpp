@@ -160,26 +160,43 @@ TEST(StatsTree, KeysLabelsAndDescriptionsWithAndWithoutCycles) {
 }
 
 TEST(StatsTree, CycleCheckNeedsTheExtendedFormatOfEveryCluster) {
-  // The second cluster's time_in_state, none for a missing file; the error it costs.
-  for (auto [second, err] : std::vector<std::pair<std::optional<std::string>, std::string>>{
-           {"300000 5 1 1 2 3\n250 5 1 1 2 3\n", ""},
-           {"300000 5\n", "WARNING"},  // the kernel's plain format
-           {std::nullopt, "Failed to open <dir>/policy1/stats/time_in_state\nWARNING"},
-           {"", "WARNING"}}) {
+  // The second cluster's time_in_state, none for a missing file; the error it costs, the weights
+  // (the frequency over the tick rate of 100, in whole numbers) and the figures of a second pass.
+  struct Case {
+    std::optional<std::string> second;
+    std::string err;
+    std::vector<Row> weights;
+    Figures figures;
+  } cases[] = {
+      {"300000 5 1 1 2 3\n250 5 1 1 2 3\n",
+       "",
+       {{1000}, {3000, 2}},
+       {{1, kNan}, {1, kNan}, {1, 0}}},
+      {"300000 5\n", "WARNING", {}, {}},  // the kernel's plain format
+      {std::nullopt, "Failed to open <dir>/policy1/stats/time_in_state\nWARNING", {}, {}},
+      {"\n", "WARNING", {}, {}},
+      // No rows at all is no plain format: the cluster's core has nothing to count.
+      {"", "", {{1000}, {}}, {{1, kNan}, {1, kNan}, {1, 0}}},
+  };
+  for (Case& c : cases) {
     CpufreqDir dir({{"policy0/affected_cpus", "0\n"},
                     {"policy1/affected_cpus", "1\n"},
                     {"policy0/stats/time_in_state", "100000 5 1 1 2 3\n"}});
-    if (second) dir.write("policy1/stats/time_in_state", *second);
+    if (c.second) dir.write("policy1/stats/time_in_state", *c.second);
+    std::string& err = c.err;
     if (err.find("<dir>") != std::string::npos) err.replace(err.find("<dir>"), 5, dir.path);
     if (!err.empty()) err += ": stats: cycle based util is not available on this machine.\n";
     testing::internal::CaptureStderr();
     Stats stats(true, dir.path);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), err);
     EXPECT_EQ(stats.cycle_util_available, err.empty());
-    // Weights are the frequency over the tick rate of 100, in whole numbers.
-    if (err.empty()) {
-      EXPECT_EQ(stats.freq_table, (std::vector<Row>{{1000}, {3000, 2}}));
-    }
+    if (!err.empty()) continue;
+    EXPECT_EQ(stats.freq_table, c.weights);
+    // Between the passes core 0 is never idle while its total moves; core 1 counts nothing.
+    ASSERT_TRUE(stats.update_cpu_stats_by_cpu_cycles());
+    dir.write("policy0/stats/time_in_state", "100000 15 1 1 7 3\n");
+    ASSERT_TRUE(stats.update_cpu_stats_by_cpu_cycles());
+    EXPECT_EQ(figures(stats.cycle_stats), c.figures) << c.second.value_or("none");
   }
 }
 
