@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "harness.h"
+#include "plugins/power_rails_plugin.h"
 
 namespace {
 
@@ -39,6 +40,33 @@ TEST(BrantleyRails, ProductionHardwareLeavesTheSectionOutAndRunsOn) {
       << result.err;
   EXPECT_EQ(e2e::section(result.out, "[Rails]"), "");
   EXPECT_NE(e2e::section(result.out, "[Example] "), "");
+}
+
+// Every output reads both monitors afresh: the figures follow the nodes from report to report,
+// and a rail the node leaves out keeps its last figure.
+TEST(BrantleyRails, EveryOutputFollowsTheAverages) {
+  e2e::write_file(kDevice3 + "available_rails", "0:VPH_S7S8S9A\n1:VPH_S10A\n");
+  e2e::write_file(kDevice4 + "available_rails", "0:VPH_S1S2C\n");
+  emberline::PowerRailsPlugin plugin;
+  ASSERT_TRUE(plugin.init());
+  struct Step {
+    const char* device3;
+    const char* device4;
+    const char* shown;
+  } steps[] = {
+      {"0,3800000,500000\n1,1000000,250000\n", "0,1000000,1000000\n",
+       "gold: 1.900W | silver: 0.250W | gpu: 1.000W"},
+      {"0,4000000,1000000\n1,3000000,500000\n", "0,2000000,250000\n",
+       "gold: 4.000W | silver: 1.500W | gpu: 0.500W"},
+      {"1,500000,500000\n", "0,3700000,1200000\n", "gold: 4.000W | silver: 0.250W | gpu: 4.440W"},
+      {"0,100000,100000\n1,0,5000000\n", "", "gold: 0.010W | silver: 0.000W | gpu: 4.440W"},
+  };
+  for (const Step& step : steps) {
+    e2e::write_file(kDevice3 + "average_value", step.device3);
+    e2e::write_file(kDevice4 + "average_value", step.device4);
+    ASSERT_TRUE(plugin.on_output());
+    EXPECT_EQ(plugin.to_str(), step.shown);
+  }
 }
 
 }  // namespace

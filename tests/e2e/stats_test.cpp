@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "harness.h"
+#include "plugins/stats_plugin.h"
 
 namespace {
 
@@ -117,6 +118,29 @@ TEST(Stats, LosingProcStatEndsTheRunWithOneAndGivesChargingBack) {
     if (!write.starts_with(refusing)) expected.push_back(write);
   }
   EXPECT_EQ(e2e::recorded_writes(6), expected);
+}
+
+// The backlight's state is read through one handle for the run, afresh at every report: only
+// FB_BLANK_POWERDOWN (4, in any base "%i" reads) turns the screen off.
+TEST(Stats, ScreenIsOffOnlyWhenTheBacklightIsPoweredDown) {
+  emberline::StatsPlugin stats(false);
+  for (auto [content, on] : std::vector<std::pair<std::string, bool>>{{"0\n", true},
+                                                                      {"4\n", false},
+                                                                      {"1\n", true},
+                                                                      {"2\n", true},
+                                                                      {"0x4\n", false},
+                                                                      {"3\n", true},
+                                                                      {"04\n", false},
+                                                                      {"010\n", true},
+                                                                      {"-4\n", true},
+                                                                      {"4\n", false},
+                                                                      {"garbage\n", true},
+                                                                      {"44\n", true}}) {
+    e2e::write_file("/sys/class/backlight/panel0-backlight/bl_power", content);
+    bool screen = !on;
+    ASSERT_TRUE(stats.is_screen_on(screen)) << content;
+    EXPECT_EQ(screen, on) << content;
+  }
 }
 
 }  // namespace
