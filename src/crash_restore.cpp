@@ -11,17 +11,25 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/os/node.h"
+
 namespace emberline::crash_restore {
 
 namespace {
 
+enum Kind { kWriteBack, kRemoval };
+
 struct Entry {
   // -1 while free. Published last, so a handler never sees a descriptor without its bytes.
   std::atomic<int> fd{-1};
+  Kind kind = kWriteBack;
   char bytes[kMaxBytes];
   std::size_t size = 0;
+  const char* path = nullptr;
 };
 
+// A removal has no descriptor of its own; this marks its entry as taken.
+constexpr int kNoDescriptor = -2;
 constexpr int kEntries = 32;
 Entry entries[kEntries];
 
@@ -30,11 +38,23 @@ std::atomic<int> guard_fd{-1};
 pid_t guard_pid = -1;
 constexpr char kDismissed = 'D';
 
+int nodes_held() {
+  int count = 0;
+  for (const Entry& e : entries) count += e.fd.load(std::memory_order_acquire) >= 0;
+  return count;
+}
+
 void tell_guard_dismissed() {
   int fd = guard_fd.exchange(-1);
   if (fd < 0) return;
   [[maybe_unused]] ssize_t ignored = ::write(fd, &kDismissed, 1);
   ::close(fd);
+}
+
+void dismiss_guard() {
+  tell_guard_dismissed();
+  if (guard_pid > 0) ::waitpid(guard_pid, nullptr, 0);
+  guard_pid = -1;
 }
 
 // Closes every descriptor but those in `keep` (sorted), with async-signal-safe calls only.
@@ -47,6 +67,14 @@ void close_all_but(const int* keep, int count) {
       for (unsigned int fd = from; fd < to && fd < 65536; ++fd) ::close(static_cast<int>(fd));
     }
     from = to + 1;
+  }
+}
+
+void write_back_nodes() {
+  for (Entry& e : entries) {
+    int fd = e.fd.load(std::memory_order_acquire);
+    if (fd >= 0) [[maybe_unused]]
+      ssize_t ignored = ::pwrite(fd, e.bytes, e.size, 0);
   }
 }
 
@@ -72,46 +100,13 @@ void close_all_but(const int* keep, int count) {
   do {
     got = ::read(wait_fd, &said, 1);
   } while (got < 0 && errno == EINTR);
-  if (got != 1 || said != kDismissed) write_back_all();
+  if (got != 1 || said != kDismissed) write_back_nodes();
   ::_exit(0);
 }
 
-void on_fatal_signal(int signal) {
-  write_back_all();
-  tell_guard_dismissed();
-  // SA_RESETHAND has put back the default action, so this ends the process as the signal would
-  // have: with a core dump where the system keeps one, and the signal's exit status.
-  std::raise(signal);
-}
-
-}  // namespace
-
-int remember(int fd, std::string_view bytes) {
-  if (fd < 0 || bytes.size() > kMaxBytes) return -1;
-  for (int i = 0; i < kEntries; ++i) {
-    Entry& e = entries[i];
-    if (e.fd.load(std::memory_order_acquire) != -1) continue;
-    std::memcpy(e.bytes, bytes.data(), bytes.size());
-    e.size = bytes.size();
-    e.fd.store(fd, std::memory_order_release);
-    return i;
-  }
-  return -1;
-}
-
-void forget(int handle) {
-  if (handle >= 0 && handle < kEntries) entries[handle].fd.store(-1, std::memory_order_release);
-}
-
-void write_back_all() {
-  for (Entry& e : entries) {
-    int fd = e.fd.load(std::memory_order_acquire);
-    if (fd >= 0) [[maybe_unused]]
-      ssize_t ignored = ::pwrite(fd, e.bytes, e.size, 0);
-  }
-}
-
-void start_exit_guard() {
+// A guard that holds every node held now, in place before the one it replaces goes, so that no
+// moment is left unguarded.
+void restart_guard() {
   int pipe_fds[2];
   if (::pipe2(pipe_fds, O_CLOEXEC) != 0) return;
   pid_t pid = ::fork();
@@ -121,7 +116,6 @@ void start_exit_guard() {
     ::close(pipe_fds[1]);
     return;
   }
-  // The new guard is in place before the old one goes, so that no moment is left unguarded.
   const pid_t old_pid = std::exchange(guard_pid, pid);
   const int old_fd = guard_fd.exchange(pipe_fds[1]);
   if (old_fd >= 0) {
@@ -131,10 +125,92 @@ void start_exit_guard() {
   }
 }
 
-void dismiss_exit_guard() {
+int take_entry(int fd, Kind kind, std::string_view bytes, const char* path) {
+  for (int i = 0; i < kEntries; ++i) {
+    Entry& e = entries[i];
+    if (e.fd.load(std::memory_order_acquire) != -1) continue;
+    e.kind = kind;
+    std::memcpy(e.bytes, bytes.data(), bytes.size());
+    e.size = bytes.size();
+    e.path = path;
+    e.fd.store(fd, std::memory_order_release);
+    return i;
+  }
+  return -1;
+}
+
+void on_fatal_signal(int signal) {
+  give_back_all();
   tell_guard_dismissed();
-  if (guard_pid > 0) ::waitpid(guard_pid, nullptr, 0);
-  guard_pid = -1;
+  // SA_RESETHAND has put back the default action, so this ends the process as the signal would
+  // have: with a core dump where the system keeps one, and the signal's exit status.
+  std::raise(signal);
+}
+
+}  // namespace
+
+Restore Restore::write_back(int fd, std::string_view bytes) {
+  if (fd < 0 || bytes.size() > kMaxBytes) return Restore();
+  const int own = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  if (own < 0) return Restore();
+  const int slot = take_entry(own, kWriteBack, bytes, nullptr);
+  if (slot < 0) {
+    ::close(own);
+    return Restore();
+  }
+  restart_guard();
+  return Restore(slot);
+}
+
+Restore Restore::write_back(const std::string& path, std::string_view bytes) {
+  const int fd = os::open_node(path, O_WRONLY);
+  if (fd < 0) return Restore();
+  Restore restore = write_back(fd, bytes);
+  ::close(fd);
+  return restore;
+}
+
+Restore Restore::removal(const char* path) {
+  return Restore(take_entry(kNoDescriptor, kRemoval, {}, path));
+}
+
+Restore::Restore(Restore&& other) noexcept : slot_(std::exchange(other.slot_, -1)) {}
+
+Restore& Restore::operator=(Restore&& other) noexcept {
+  if (this != &other) {
+    release();
+    slot_ = std::exchange(other.slot_, -1);
+  }
+  return *this;
+}
+
+Restore::~Restore() {
+  release();
+}
+
+void Restore::release() {
+  if (slot_ < 0) return;
+  Entry& e = entries[std::exchange(slot_, -1)];
+  const int fd = e.fd.exchange(-1, std::memory_order_acq_rel);
+  if (fd < 0) return;
+  ::close(fd);
+  // The guard holds the nodes still held, or none at all.
+  if (nodes_held() == 0) {
+    dismiss_guard();
+  } else {
+    restart_guard();
+  }
+}
+
+void give_back_all() {
+  for (Entry& e : entries) {
+    const int fd = e.fd.load(std::memory_order_acquire);
+    if (fd >= 0) {
+      [[maybe_unused]] ssize_t ignored = ::pwrite(fd, e.bytes, e.size, 0);
+    } else if (fd == kNoDescriptor && e.kind == kRemoval) {
+      ::unlink(e.path);
+    }
+  }
 }
 
 void install_fatal_signal_handlers() {

@@ -1,35 +1,61 @@
 #pragma once
 
-// Nodes that must be written back even when the process dies of a fatal signal. The table is
-// fixed in size and filled before the node is changed, so that a handler can walk it with
-// async-signal-safe calls only.
+// What a run changes outside itself must be given back on every way out, even when the process
+// dies of a fatal signal or is killed outright. A `Restore` stands for one such change: a node's
+// old content to write back, or a path to remove. It is made before the change and lives as long
+// as the change stands; its owner gives the change back on the normal way out, with the messages
+// its own code prints, and lets the `Restore` go.
+//
+// While any `Restore` lives:
+// - a fatal signal (SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL), once install_fatal_signal_handlers
+//   has run, gives every change back from the dying process, with async-signal-safe calls only,
+//   then takes the signal's default action (core dump, exit status);
+// - SIGKILL, the OOM killer or a watchdog run no handler at all, so an exit guard, a small child
+//   process holding the nodes' descriptors, outlives this one and writes the nodes back when it
+//   ends. It prints nothing. A path to remove is left to the next run, which finds it in place.
+// The guard follows the `Restore`s by itself: it starts with the first node, is replaced by one
+// that holds every node when another is added, and goes without writing when the last one is let
+// go.
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 namespace emberline::crash_restore {
 
-// Remembers to write `bytes` (at most kMaxBytes) at offset 0 of the open descriptor `fd` should
-// the process die. Returns a handle for forget(), or -1 when the table is full or the bytes too
-// long.
 inline constexpr std::size_t kMaxBytes = 64;
-int remember(int fd, std::string_view bytes);
-void forget(int handle);
 
-// Writes every remembered entry; safe inside a signal handler.
-void write_back_all();
+class Restore {
+ public:
+  // Unarmed: gives nothing back.
+  Restore() = default;
+  // The old content `bytes` (at most kMaxBytes) of the node open as `fd`, written at offset 0 on
+  // a way out that runs no code of the owner's. The descriptor is duplicated, not taken. Unarmed
+  // when the table is full, the bytes are too long or `fd` is not valid.
+  static Restore write_back(int fd, std::string_view bytes);
+  // The same through a descriptor of its own on `path`; unarmed when it cannot be opened.
+  static Restore write_back(const std::string& path, std::string_view bytes);
+  // `path` (a static string) unlinked by a fatal signal's handler.
+  static Restore removal(const char* path);
 
-// SIGSEGV, SIGBUS, SIGABRT, SIGFPE and SIGILL write every remembered entry, then take their
-// default action (core dump, exit status) as if nothing had caught them.
+  Restore(Restore&& other) noexcept;
+  Restore& operator=(Restore&& other) noexcept;
+  Restore(const Restore&) = delete;
+  Restore& operator=(const Restore&) = delete;
+  ~Restore();
+
+  bool armed() const { return slot_ >= 0; }
+
+ private:
+  explicit Restore(int slot) : slot_(slot) {}
+  void release();
+
+  int slot_ = -1;
+};
+
+// Gives every change that a living `Restore` stands for back; safe inside a signal handler.
+void give_back_all();
+
 void install_fatal_signal_handlers();
-
-// SIGKILL, the OOM killer and a watchdog run no handler at all. The exit guard is a small child
-// process, holding the remembered descriptors, that outlives this one: unless dismissed first,
-// it writes every entry it was given when this process ends. It sees the entries remembered
-// before it started, so whoever remembers one starts it again: the new guard replaces the old
-// one. It prints nothing.
-void start_exit_guard();
-// Tells the guard that every node has been given back; it ends without writing.
-void dismiss_exit_guard();
 
 }  // namespace emberline::crash_restore

@@ -92,22 +92,17 @@ void USBCharging::write_all(char byte) {
   }
 }
 
-void USBCharging::arm_crash_restore() {
-  if (crash_handles.empty()) {
-    for (int fd : fds) crash_handles.push_back(crash_restore::remember(fd, "0"));
-  }
-}
-
 void USBCharging::disable() {
   // Armed before the first '1', so that no moment passes with charging suspended and unguarded.
-  arm_crash_restore();
+  if (restores.empty()) {
+    for (int fd : fds) restores.push_back(crash_restore::Restore::write_back(fd, "0"));
+  }
   write_all('1');
 }
 
 void USBCharging::enable() {
   write_all('0');
-  for (int handle : crash_handles) crash_restore::forget(handle);
-  crash_handles.clear();
+  restores.clear();
 }
 
 std::int64_t SystemLoopClock::now_us() {
@@ -294,8 +289,6 @@ constexpr std::int64_t ms(std::int64_t micros) {
 int Emberline::run(unsigned int time, unsigned int sample, unsigned int output) {
   if (!continue_charging) {
     output_message("Disabling charging...");
-    usb_charging.arm_crash_restore();
-    crash_restore::start_exit_guard();
     usb_charging.disable();
     charging_disabled = true;
     // Let the charger's current settle before the first reading.

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "crash_restore.h"
 #include "plugin.h"
 #include "plugins/power_sampler.h"
 
@@ -50,8 +51,6 @@ class USBCharging {
   USBCharging(const USBCharging&) = delete;
   USBCharging& operator=(const USBCharging&) = delete;
 
-  // Has the nodes written back should the process die; disable() does it too.
-  void arm_crash_restore();
   void disable();
   void enable();
 
@@ -60,8 +59,8 @@ class USBCharging {
 
   std::vector<int> fds;
   std::vector<std::string> paths;
-  // Entries that give charging back should the process die while it is suspended.
-  std::vector<int> crash_handles;
+  // Give charging back should the process die while it is suspended.
+  std::vector<crash_restore::Restore> restores;
 };
 
 // The loop's view of time, replaceable so that tests can drive the loop deterministically.

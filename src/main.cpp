@@ -90,7 +90,5 @@ int main(int argc, char** argv) {
     }
   }
   emberline::trace::stop_session();
-  // Every node is back as the run found it: the guard can go without writing.
-  emberline::crash_restore::dismiss_exit_guard();
   return exit_code;
 }

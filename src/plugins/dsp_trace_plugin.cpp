@@ -10,7 +10,6 @@
 #include <bit>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstddef>
 #include <cstring>
 #include <iostream>
@@ -36,46 +35,6 @@ constexpr const char* kSelinuxContext = "u:object_r:dsp_data_file:s0";
 constexpr const char* kWorkerName = "DspTraceProcessor";
 constexpr const char* kCounterAnnotations[4] = {"dsp_udma", "dsp_hmx", "dsp_pkts", "dsp_hvx_pkt"};
 
-// The FIFO outlives the process. A run that dies of a fatal signal runs no destructor, so the
-// plugin removes the FIFO on that path itself and then hands the signal to whatever handled it
-// before (the engine's write-back of nodes, or the default action); unlink, sigaction and raise
-// are async-signal-safe. A run killed outright still leaves the FIFO behind, which the next run
-// reuses.
-constexpr int kFatalSignals[] = {SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL};
-struct sigaction previous_actions[std::size(kFatalSignals)];
-std::atomic<const char*> fifo_to_remove{nullptr};
-
-void on_fatal_signal(int signal) {
-  if (const char* path = fifo_to_remove.exchange(nullptr)) ::unlink(path);
-  for (std::size_t i = 0; i < std::size(kFatalSignals); ++i) {
-    if (kFatalSignals[i] == signal) ::sigaction(signal, &previous_actions[i], nullptr);
-  }
-  // Not blocked (SA_NODEFER), so it reaches the handler just restored now, not after we return.
-  ::raise(signal);
-}
-
-void remove_fifo_on_fatal_signal(const char* path) {
-  struct sigaction action {};
-  action.sa_handler = on_fatal_signal;
-  sigemptyset(&action.sa_mask);
-  action.sa_flags = SA_NODEFER;
-  for (std::size_t i = 0; i < std::size(kFatalSignals); ++i) {
-    ::sigaction(kFatalSignals[i], &action, &previous_actions[i]);
-  }
-  fifo_to_remove.store(path);
-}
-
-void forget_fifo_on_fatal_signal() {
-  fifo_to_remove.store(nullptr);
-  for (std::size_t i = 0; i < std::size(kFatalSignals); ++i) {
-    struct sigaction current {};
-    if (::sigaction(kFatalSignals[i], nullptr, &current) == 0 &&
-        current.sa_handler == on_fatal_signal) {
-      ::sigaction(kFatalSignals[i], &previous_actions[i], nullptr);
-    }
-  }
-}
-
 std::int64_t steady_ns() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
              std::chrono::steady_clock::now().time_since_epoch())
@@ -86,10 +45,8 @@ std::int64_t steady_ns() {
 
 DspTracePlugin::~DspTracePlugin() {
   stop_worker();
-  if (owns_fifo) {
-    ::unlink(kFifoPath);
-    forget_fifo_on_fatal_signal();
-  }
+  if (owns_fifo) ::unlink(kFifoPath);
+  fifo_removal = {};
 }
 
 bool DspTracePlugin::init() {
@@ -111,8 +68,9 @@ bool DspTracePlugin::init() {
     // A FIFO left by a killed run ends up here too, and serves as well as a new one.
     std::cerr << "Failed to create dsp trace pipe: " << std::strerror(errno) << std::endl;
   }
+  // A run killed outright leaves the FIFO behind, and the next run reuses it.
   owns_fifo = true;
-  remove_fifo_on_fatal_signal(kFifoPath);
+  fifo_removal = crash_restore::Restore::removal(kFifoPath);
   // Reading and writing: the open does not wait for the DSP side, a writer that goes away brings
   // no end of file, and the destructor can wake the worker through the same descriptor.
   const int fd = ::open(kFifoPath, O_RDWR | O_CLOEXEC);

@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "crash_restore.h"
 #include "json/json_map_value.h"
 #include "platform/trace/perfetto.h"
 #include "plugin.h"
@@ -79,6 +80,8 @@ class DspTracePlugin : public Plugin {
 
   int pipe_fd = -1;
   bool owns_fifo = false;
+  // The FIFO outlives the process; a fatal signal runs no destructor, so it removes it there.
+  crash_restore::Restore fifo_removal;
   std::atomic<bool> stop{false};
   std::future<void> worker;
   DspLogEntry entries[kEntriesPerBlock] = {};

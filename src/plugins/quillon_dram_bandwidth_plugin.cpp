@@ -1,15 +1,11 @@
 #include "plugins/quillon_dram_bandwidth_plugin.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <iostream>
 
-#include "crash_restore.h"
 #include "platform/os/node.h"
 #include "platform/trace/perfetto.h"
 #include "platform/zavra_os/zavra_os.h"
@@ -230,10 +226,7 @@ QuillonDRAMBandwidthPlugin::~QuillonDRAMBandwidthPlugin() {
   }
   configureMonitors("0");
   // Only now that the nodes are back may a fatal signal stop rewriting them.
-  for (const Restore& r : restores) {
-    crash_restore::forget(r.slot);
-    ::close(r.fd);
-  }
+  restores.clear();
 }
 
 bool QuillonDRAMBandwidthPlugin::init() {
@@ -276,20 +269,9 @@ std::string QuillonDRAMBandwidthPlugin::readSampleMsNode() {
 }
 
 void QuillonDRAMBandwidthPlugin::armRestore(const std::string& path, const std::string& bytes) {
-  for (const Restore& r : restores) {
-    if (r.path == path) return;
+  if (restores.count(path) == 0) {
+    restores.emplace(path, crash_restore::Restore::write_back(path, bytes));
   }
-  int fd = os::open_node(path, O_WRONLY);
-  if (fd < 0) return;
-  int slot = crash_restore::remember(fd, bytes);
-  if (slot < 0) {
-    ::close(fd);
-    return;
-  }
-  restores.push_back({path, fd, slot});
-  // The node is changed at init, long before the engine starts a guard for charging, and
-  // with --continue-charging it starts none.
-  crash_restore::start_exit_guard();
 }
 
 bool QuillonDRAMBandwidthPlugin::configureSampling(const std::string& text) {

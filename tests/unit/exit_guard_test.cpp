@@ -30,36 +30,40 @@ std::string contents(const std::string& path) {
 }
 
 // The steps run in a child that then kills itself; this process becomes the subreaper of the
-// guards it leaves, so it can wait for them to finish.
-TEST(ExitGuard, WritesBackEveryEntryItWasGivenWhenTheProcessIsKilled) {
+// guards it leaves, so it can wait for them to finish. The guard writes back the nodes of the
+// restores living at the kill, and only those.
+TEST(ExitGuard, WritesBackTheNodesOfLivingRestoresWhenTheProcessIsKilled) {
   const struct {
     const char* name;
-    bool forget_first;  // before the second entry
-    bool restart;       // start the guard again after the second entry
-    bool dismiss;       // before the kill
+    bool let_first_go;   // before the kill
+    bool let_second_go;  // before the kill
     const char* first_after;
     const char* second_after;
   } cases[] = {
-      {"a guard knows only what came before it", false, false, false, "100\n", "x"},
-      {"a restarted guard knows every entry", false, true, false, "100\n", "2"},
-      {"a replaced guard goes without writing", true, true, false, "x", "2"},
-      {"a dismissed guard writes nothing", false, true, true, "x", "x"},
+      {"a guard follows every restore made", false, false, "100\n", "2"},
+      {"a restore let go is not written", true, false, "x", "2"},
+      {"the last one let go dismisses the guard", true, true, "x", "x"},
+      {"the other order too", false, true, "100\n", "x"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     char dir[] = "/tmp/exit-guard-XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
     const std::string first = std::string(dir) + "/a", second = std::string(dir) + "/b";
+    const std::string removed = std::string(dir) + "/fifo";
     std::ofstream(first) << "x";
     std::ofstream(second) << "x";
+    std::ofstream(removed) << "";
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     if (fork() == 0) {
-      int slot = cr::remember(::open(first.c_str(), O_WRONLY), "100\n");
-      cr::start_exit_guard();
-      if (c.forget_first) cr::forget(slot);
-      cr::remember(::open(second.c_str(), O_WRONLY), "2");
-      if (c.restart) cr::start_exit_guard();
-      if (c.dismiss) cr::dismiss_exit_guard();
+      auto a = cr::Restore::write_back(first, "100\n");
+      auto removal = cr::Restore::removal(removed.c_str());
+      const int fd = ::open(second.c_str(), O_WRONLY);
+      auto b = cr::Restore::write_back(fd, "2");
+      ::close(fd);
+      if (!a.armed() || !b.armed() || !removal.armed()) _exit(1);
+      if (c.let_first_go) a = {};
+      if (c.let_second_go) b = {};
       ::kill(::getpid(), SIGKILL);
     }
     while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
@@ -67,23 +71,29 @@ TEST(ExitGuard, WritesBackEveryEntryItWasGivenWhenTheProcessIsKilled) {
     prctl(PR_SET_CHILD_SUBREAPER, 0);
     EXPECT_EQ(contents(first), c.first_after);
     EXPECT_EQ(contents(second), c.second_after);
+    // A path to remove is left for the next run to find.
+    EXPECT_TRUE(std::filesystem::exists(removed));
     std::filesystem::remove_all(dir);
   }
 }
 
-// Without the guard, the handlers alone: each fatal signal writes the remembered bytes back from
-// the dying process itself, then ends it as the signal would have.
-TEST(ExitGuard, FatalSignalsWriteBackThenTakeTheirDefaultAction) {
+// Without the guard's help: each fatal signal gives back from the dying process itself, nodes
+// written and paths removed, then ends it as the signal would have.
+TEST(ExitGuard, FatalSignalsGiveBackThenTakeTheirDefaultAction) {
   char dir[] = "/tmp/fatal-signal-XXXXXX";
   ASSERT_NE(mkdtemp(dir), nullptr);
   const std::string node = std::string(dir) + "/node";
+  static std::string removed;
+  removed = std::string(dir) + "/fifo";
   for (int sig : {SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL}) {
     std::ofstream(node) << "1";
+    std::ofstream(removed) << "";
     pid_t child = fork();
     if (child == 0) {
       rlimit no_core{0, 0};
       setrlimit(RLIMIT_CORE, &no_core);
-      cr::remember(::open(node.c_str(), O_WRONLY), "0\n");
+      auto restore = cr::Restore::write_back(node, "0\n");
+      auto removal = cr::Restore::removal(removed.c_str());
       cr::install_fatal_signal_handlers();
       ::raise(sig);
       _exit(0);
@@ -92,16 +102,19 @@ TEST(ExitGuard, FatalSignalsWriteBackThenTakeTheirDefaultAction) {
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == sig) << strsignal(sig) << " " << status;
     EXPECT_EQ(contents(node), "0\n") << strsignal(sig);
+    EXPECT_FALSE(std::filesystem::exists(removed)) << strsignal(sig);
   }
   std::filesystem::remove_all(dir);
 }
 
-// In-process, so that it runs where the guard's fork of a fork cannot.
-TEST(CrashRestore, AnEntryHoldsAtMost64Bytes) {
-  const int full = cr::remember(1, std::string(64, 'x'));
-  EXPECT_GE(full, 0);
-  cr::forget(full);
-  EXPECT_EQ(cr::remember(1, std::string(65, 'x')), -1);
+// In-process, so that it runs where the signal tests above cannot.
+TEST(CrashRestore, AnEntryHoldsAtMost64BytesAndNeedsItsNode) {
+  const int fd = ::open("/dev/null", O_WRONLY);
+  EXPECT_TRUE(cr::Restore::write_back(fd, std::string(64, 'x')).armed());
+  EXPECT_FALSE(cr::Restore::write_back(fd, std::string(65, 'x')).armed());
+  EXPECT_FALSE(cr::Restore::write_back(-1, "0").armed());
+  EXPECT_FALSE(cr::Restore::write_back("/nonexistent/node", "0").armed());
+  ::close(fd);
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <utility>
 #include <vector>
 
-#include "crash_restore.h"
 #include "emberline.h"
 
 namespace emberline {
@@ -207,7 +206,6 @@ TEST(TimingLoop, ConsoleShowsStatusThenReports) {
     h.clock->sleeps.resize(c.first_sleeps.size());
     EXPECT_EQ(h.clock->sleeps, c.first_sleeps);
   }
-  crash_restore::dismiss_exit_guard();
   stop_flag = false;
 }
 
