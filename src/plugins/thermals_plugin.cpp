@@ -23,8 +23,10 @@ constexpr const char* kFanRpmPaths[] = {
     "/sys/class/hwmon/hwmon0/rpm",
 };
 
+// The service's death is reported from its own thread, perhaps while a report's step writes its
+// own line: each line goes out in one write, so that the two never run into one line.
 void error_line(const std::string& text) {
-  std::cerr << text << std::endl;
+  std::cerr << text + '\n' << std::flush;
 }
 
 const char* type_name(TemperatureType type) {

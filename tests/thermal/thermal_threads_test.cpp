@@ -8,6 +8,8 @@
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <set>
+#include <sstream>
 #include <thread>
 
 #include "fake_thermal.h"
@@ -159,17 +161,28 @@ TEST(ThermalsThreads, NotificationsAndRestartsRaceTheMeasurementThread) {
   // temperatures and the statuses are all in place before that.
   plugin->init();
   plugin->update_tree_metadata(1, "thermals.");
+  testing::internal::CaptureStderr();
   {
     auto notifying = notifier({first, second, third});
     for (int i = 0; i < 300; ++i) {
       plugin->on_output();
       plugin->to_str();
       if (i == 100) registry::replace_service(second);  // reconnects on the registry's thread
-      if (i == 200) registry::kill_service();           // the next reads reconnect
-      if (i == 250) registry::register_service(third);
+      // The next reads reconnect, while the death is told on the registry's thread.
+      if (i >= 200 && i % 10 == 0) registry::kill_service();
+      if (i >= 200 && i % 10 == 5) registry::register_service(i % 20 == 5 ? third : second);
     }
     registry::await_notifications();
   }
+  // Lines written from both threads at once stay whole.
+  std::istringstream err(testing::internal::GetCapturedStderr());
+  const std::set<std::string> known{"ERROR: Failed to locate/open fan rpm file",
+                                    "ERROR: Failed to update fan rpm value",
+                                    "ThermalHAL died",
+                                    "Unable to get Thermal HAL V2.0",
+                                    "ERROR: Thermal HAL unavailable in get_current_temperature",
+                                    "Error: Failed to get temperature from thermalHAL"};
+  for (std::string line; std::getline(err, line);) EXPECT_EQ(known.count(line), 1u) << line;
   // The plugin ends while its service dies and the dead one still calls it.
   auto notifying = notifier({first, second, third});
   std::thread killer([] { registry::kill_service(); });
