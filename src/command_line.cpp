@@ -157,4 +157,31 @@ std::optional<int> parse_command_line(int argc, const char* const* argv, Setting
   return std::nullopt;
 }
 
+void register_plugins(Emberline& engine, const Settings& s) {
+  if (!s.no_power && s.continue_charging) {
+    engine.register_power_plugin(PowerPath::USB, s.use_window, s.window_size, s.exp_smooth);
+  }
+  if (!s.no_power) {
+    engine.register_power_plugin(PowerPath::BATTERY, s.use_window, s.window_size, s.exp_smooth);
+  }
+  if (s.stats || s.all) engine.register_stats_plugin(s.cycle);
+  if (s.credits || s.all) engine.register_credits_plugin();
+  if (is_chipset2_device && (s.charge_data || s.all)) engine.register_charge_plugin();
+  if (s.ravelin || s.all) engine.register_ravelin_plugin();
+  if (s.thermals || s.all) engine.register_thermals_plugin();
+  if (s.dsp || s.all) engine.register_dsp_plugin();
+  if (s.dsp_trace || s.all) engine.register_dsp_trace_plugin();
+  if (!s.tail.empty()) engine.register_tail_plugin(s.tail);
+  if (is_brantley && (s.brantley_rails || s.all)) {
+    engine.register_brantley_rails_plugin();
+  }
+  if (is_chipset2_device && (s.quillon_rails || s.all)) {
+    engine.register_quillon_rails_plugin();
+  }
+  if (is_chipset2_device && (s.quillon_dram || s.all)) {
+    engine.register_quillon_dram_bw_plugin(s.quillon_dram_ms);
+  }
+  if (s.example || s.all) engine.register_example_plugin();
+}
+
 }  // namespace emberline

@@ -60,4 +60,9 @@ struct Settings {
 std::optional<int> parse_command_line(int argc, const char* const* argv, Settings& settings,
                                       bool brantley, bool chipset2);
 
+class Emberline;
+
+// Registers the plugins the settings ask for, in the one order of the report.
+void register_plugins(Emberline& engine, const Settings& settings);
+
 }  // namespace emberline

@@ -18,34 +18,6 @@ void on_hangup(int) {
   emberline::stop_flag = true;
 }
 
-void register_plugins(emberline::Emberline& engine, const emberline::Settings& s) {
-  using emberline::PowerPath;
-  if (!s.no_power && s.continue_charging) {
-    engine.register_power_plugin(PowerPath::USB, s.use_window, s.window_size, s.exp_smooth);
-  }
-  if (!s.no_power) {
-    engine.register_power_plugin(PowerPath::BATTERY, s.use_window, s.window_size, s.exp_smooth);
-  }
-  if (s.stats || s.all) engine.register_stats_plugin(s.cycle);
-  if (s.credits || s.all) engine.register_credits_plugin();
-  if (emberline::is_chipset2_device && (s.charge_data || s.all)) engine.register_charge_plugin();
-  if (s.ravelin || s.all) engine.register_ravelin_plugin();
-  if (s.thermals || s.all) engine.register_thermals_plugin();
-  if (s.dsp || s.all) engine.register_dsp_plugin();
-  if (s.dsp_trace || s.all) engine.register_dsp_trace_plugin();
-  if (!s.tail.empty()) engine.register_tail_plugin(s.tail);
-  if (emberline::is_brantley && (s.brantley_rails || s.all)) {
-    engine.register_brantley_rails_plugin();
-  }
-  if (emberline::is_chipset2_device && (s.quillon_rails || s.all)) {
-    engine.register_quillon_rails_plugin();
-  }
-  if (emberline::is_chipset2_device && (s.quillon_dram || s.all)) {
-    engine.register_quillon_dram_bw_plugin(s.quillon_dram_ms);
-  }
-  if (s.example || s.all) engine.register_example_plugin();
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -75,7 +47,7 @@ int main(int argc, char** argv) {
     if (settings.wants_file()) engine.setup_file_output(settings.file);
     engine.add_timestamp_fields();
     if (settings.timing) engine.add_timing_fields();
-    register_plugins(engine, settings);
+    emberline::register_plugins(engine, settings);
 
     if (!engine.init(settings.time_plugins)) {
       exit_code = 1;
