@@ -29,7 +29,7 @@ if build/normal/sim/emberline-sim run --frozen -- true 2>/dev/null; then
   echo "== fault runs"
   bash scripts/fault-runs.sh --runs 20 --seed 31 --build build/normal
   echo "== soak"
-  bash scripts/soak.sh --ticks 3000 --build build/normal
+  bash scripts/soak.sh --accelerated --ticks 100000 --build build/normal
 else
   echo "== fault runs and soak skipped: the simulated headset cannot be made here"
 fi
