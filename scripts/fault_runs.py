@@ -19,7 +19,6 @@ import re
 import shutil
 import signal
 import sys
-import tempfile
 import threading
 import time
 
@@ -379,7 +378,7 @@ class Outcome:
 
 def execute(plan, build, seed, timeout_s):
     rng = random.Random(seed)
-    state = tempfile.mkdtemp(prefix="emberline-faults-")
+    state = simrun.state_dir("emberline-faults-")
     wrapper = []
     if plan.fault == "node" and plan.detail["kind"] == "unreadable" or plan.fault == "charging":
         wrapper = NO_DAC
@@ -691,7 +690,7 @@ def judge(plan, run, code, state, initial, outcome):
 
 def disk_full_mode(build):
     """tmpfs when a mount namespace of the tool's own can have one, else /dev/full."""
-    state = tempfile.mkdtemp(prefix="emberline-faults-")
+    state = simrun.state_dir("emberline-faults-")
     try:
         run = simrun.SimRun(build, state, "generic", ["--version"], frozen=True,
                             wrapper=["unshare", "-rm", "sh", "-c",

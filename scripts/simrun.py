@@ -7,6 +7,7 @@ state directory, so that a fault can be in place before the tool first looks.
 import os
 import signal
 import subprocess
+import tempfile
 import threading
 import time
 
@@ -38,6 +39,16 @@ CHARGING_NODES = (
     "/sys/class/power_supply/usb/input_suspend",
     "/sys/class/power_supply/wireless/input_suspend",
 )
+
+
+def state_dir(prefix):
+    """A fresh state directory where the sim itself would make one: $TMPDIR if set, else the
+    memory of /dev/shm where it is writable (a headset lays out there many times faster), else
+    /tmp."""
+    base = os.environ.get("TMPDIR") or None
+    if base is None and os.path.isdir("/dev/shm") and os.access("/dev/shm", os.W_OK | os.X_OK):
+        base = "/dev/shm"
+    return tempfile.mkdtemp(prefix=prefix, dir=base)
 
 
 class SimRun:

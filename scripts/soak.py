@@ -15,7 +15,6 @@ import os
 import shutil
 import signal
 import sys
-import tempfile
 import time
 
 import simrun
@@ -70,7 +69,7 @@ def main():
     warm_up = min(60.0, max(3.0, seconds / 10))
     marks = [("warm-up", warm_up)] + [(f"{q}/4", seconds * q / 4) for q in (1, 2, 3)]
 
-    state = tempfile.mkdtemp(prefix="emberline-soak-")
+    state = simrun.state_dir("emberline-soak-")
     tool_args = ["--all", "-s", str(PERIOD_MS), "-o", str(PERIOD_MS), "-t", str(seconds)]
     print(f"soak: {args.ticks} ticks ({seconds} s) of emberline {' '.join(tool_args)} "
           f"on {PROFILE}", flush=True)

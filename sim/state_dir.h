@@ -76,7 +76,11 @@ class LiveNodes {
 // Replaces `file`'s content without changing its inode.
 void rewrite(int fd, std::string_view content);
 
-// A fresh directory under $TMPDIR (or /tmp), removed with everything in it on destruction.
+// Where fresh state directories go: $TMPDIR if set, else /dev/shm where it is a writable tmpfs,
+// else /tmp.
+std::string temporary_base();
+
+// A fresh directory under temporary_base(), removed with everything in it on destruction.
 class TemporaryDir {
  public:
   TemporaryDir();
