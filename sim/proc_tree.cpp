@@ -23,7 +23,7 @@ constexpr double kTicksPerSecond = 100.0;
 // The headset has been up for an hour when the sim starts.
 constexpr double kUptimeSeconds = 3600.0;
 // Worker threads that fill a tree up take little, so that thousands of them fit on eight CPUs.
-constexpr ThreadTraits kWorker{"", 0.0002, 0.0008, false};
+const ThreadTraits kWorker{"", 0.0002, 0.0008, false};
 
 ProcessSpec process(int pid, std::string cmdline, std::vector<ThreadTraits> threads,
                     std::string transient_prefix = {}) {
