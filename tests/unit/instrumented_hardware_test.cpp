@@ -86,7 +86,8 @@ dram::Sample used(unsigned long used, unsigned long available = 100, unsigned lo
 // The client lists divide signed, the total unsigned: only sums past 2^31 tell them apart. Either
 // divides whole numbers, and all sums keep the low 32 bits only.
 TEST(DramStatistics, WorkedSamples) {
-  constexpr float kInf = std::numeric_limits<float>::infinity(), kNan = std::nanf("");
+  constexpr float kInf = std::numeric_limits<float>::infinity(),
+                  kNan = std::numeric_limits<float>::quiet_NaN();
   struct Case {
     const char* name;
     std::vector<dram::Sample> samples;
