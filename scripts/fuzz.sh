@@ -25,11 +25,11 @@ targets=(
   dram_samples:4096 logcat_window:64 charge:128
 )
 
-# Only the targets and the libraries below them: no simulated headset, benchmarks or tests.
-# -O1 with line tables only: the sanitizers' reports keep their lines and the build stays short.
-cmake -S "$root" -B "$dir" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Fuzz \
-  -DCMAKE_CXX_FLAGS="-O1 -gline-tables-only" -DEMBERLINE_FUZZ=ON -DEMBERLINE_BENCH=OFF \
-  -DEMBERLINE_SIM=OFF >/dev/null
+# A build that scripts/test.sh made for its sanitizer suite already holds the targets; otherwise
+# only the targets and the libraries below them: no simulated headset or tests.
+if ! grep -qs '^EMBERLINE_FUZZ:BOOL=ON$' "$dir/CMakeCache.txt"; then
+  cmake -C "$root/scripts/clang-sanitize.cmake" -S "$root" -B "$dir" -DEMBERLINE_SIM=OFF >/dev/null
+fi
 build_targets=()
 for entry in "${targets[@]}"; do build_targets+=(--target "${entry%%:*}_fuzz"); done
 cmake --build "$dir" -j "$(nproc)" "${build_targets[@]}" >/dev/null

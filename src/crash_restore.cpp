@@ -130,7 +130,7 @@ int take_entry(int fd, Kind kind, std::string_view bytes, const char* path) {
     Entry& e = entries[i];
     if (e.fd.load(std::memory_order_acquire) != -1) continue;
     e.kind = kind;
-    std::memcpy(e.bytes, bytes.data(), bytes.size());
+    if (!bytes.empty()) std::memcpy(e.bytes, bytes.data(), bytes.size());
     e.size = bytes.size();
     e.path = path;
     e.fd.store(fd, std::memory_order_release);
