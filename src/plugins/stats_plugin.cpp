@@ -87,7 +87,11 @@ StatsPlugin::StatsPlugin(bool cycle_util, std::string dir) : cpufreq_dir(std::mo
     cur_freq_paths.push_back(policy + "/cpuinfo_cur_freq");
     time_in_state_paths.push_back(policy + "/stats/time_in_state");
   }
+  // Sized here, so that no report allocates for them, the first cycle-based one included.
   buffers.row.reserve(64);
+  buffers.cluster_busy.assign(clusters.size(), 0);
+  buffers.cluster_idle.assign(clusters.size(), 0);
+  buffers.cluster_other.assign(clusters.size(), 0);
 
   if (cycle_util) {
     cycle_util_available = is_time_in_state_available();
