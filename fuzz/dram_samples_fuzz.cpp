@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "fuzz_input.h"
-#include "plugins/quillon_dram_bandwidth_plugin.h"
+#include "plugins/dram_samples.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   namespace dram = emberline::dram;

@@ -1,6 +1,7 @@
 // The GPU's kgsl nodes (busy counters and clock) and a supply's current and voltage nodes.
 // Texts: gpubusy_accum, gpubusy, clock_mhz, then current/voltage pairs, one per sample.
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -10,32 +11,9 @@
 
 #include "fuzz_input.h"
 #include "plugins/power_sampler.h"
-#include "plugins/stats_plugin.h"
+#include "plugins/stats_parsers.h"
 
 namespace {
-
-class Nodes : public emberline::FileReader {
- public:
-  explicit Nodes(std::vector<std::string> texts) : texts(std::move(texts)) {}
-  std::string ReadFile(std::string path) override { return text_of(path); }
-  // An empty text stands for a node the kernel does not have.
-  bool Exists(std::string path) override { return !text_of(path).empty(); }
-
- private:
-  std::string text_of(const std::string& path) const {
-    const char* names[] = {"gpubusy_accum", "gpubusy", "clock_mhz"};
-    for (std::size_t i = 0; i < 3; ++i) {
-      if (path.ends_with(std::string("/") + names[i]) && i < texts.size()) return texts[i];
-    }
-    return {};
-  }
-  std::vector<std::string> texts;
-};
-
-class Stats : public emberline::StatsPlugin {
- public:
-  Stats() : StatsPlugin(false, "/nonexistent/cpufreq") {}
-};
 
 // A memory stream over `text`; fmemopen refuses an empty buffer, so an empty node gets a NUL.
 FILE* stream_over(std::string& text) {
@@ -47,18 +25,18 @@ FILE* stream_over(std::string& text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   auto texts = fuzz::pieces(data, size);
-  const auto saved = emberline::file_reader;
-  emberline::file_reader = std::make_shared<Nodes>(texts);
-  {
-    Stats stats;
-    for (int tick = 0; tick < 2; ++tick) {
-      float util = -1.0f;
-      if (stats.get_gpu_utilization(util)) fuzz::check(!std::isnan(util), "no NaN utilisation");
-      float freq = -1.0f;
-      stats.get_gpu_freq(freq);
+  // An empty text stands for a node the kernel does not have.
+  texts.resize(std::max<std::size_t>(texts.size(), 3));
+  const emberline::GpuBusy accum = emberline::parse_gpu_busy(texts[0]);
+  fuzz::check(!emberline::gpu_busy_share(emberline::gpu_busy_since(accum, accum)),
+              "counters that did not move give no share");
+  for (const auto& counts :
+       {emberline::gpu_busy_since(accum, {}), emberline::parse_gpu_busy(texts[1])}) {
+    if (const auto share = emberline::gpu_busy_share(counts)) {
+      fuzz::check(!std::isnan(*share), "no NaN utilisation");
     }
   }
-  emberline::file_reader = saved;
+  fuzz::check(std::isfinite(emberline::gpu_clock_ghz(texts[2])), "a clock of finite gigahertz");
 
   emberline::PowerSampler sampler(emberline::PowerPath::BATTERY, false);
   for (std::size_t t = 3; t + 1 < texts.size(); t += 2) {

@@ -4,24 +4,28 @@
 #include <cmath>
 #include <cstdint>
 
+#include "cpu_topology.h"
 #include "fuzz_input.h"
-#include "stats_access.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const auto texts = fuzz::pieces(data, size);
-  fuzz::FuzzedStats stats(texts[0]);
-  const auto cores = static_cast<std::size_t>(stats.num_cores);
+  const fuzz::Cpus cpus(texts[0]);
+  const emberline::CpuTopology topology = cpus.topology();
+  emberline::CpuCounters prev_rows;
+  emberline::CpuStats stats(static_cast<unsigned>(cpus.clusters.size()),
+                            static_cast<unsigned>(cpus.num_cores));
+  emberline::StatsBuffers buffers;
   for (std::size_t t = 1; t < texts.size(); ++t) {
-    stats.account_proc_stat(texts[t]);
+    emberline::account_proc_stat(texts[t], topology, prev_rows, stats, buffers);
     // Rows for cores the topology does not hold must be passed over, never stored.
-    fuzz::check(stats.prev_rows.size() == cores + 1, "one kept row per core and the summary");
-    for (const auto& row : stats.prev_rows) fuzz::check(row.size() == 10, "ten kept columns");
-    fuzz::check(stats.time_stats.core_util.size() == cores, "one figure per core");
-    for (std::size_t core = 0; core < cores; ++core) {
-      const int c = stats.cluster_of(static_cast<int>(core));
-      const float util = stats.time_stats.core_util[core];
+    fuzz::check(prev_rows.size() == cpus.cores() + 1, "one kept row per core and the summary");
+    for (const auto& row : prev_rows) fuzz::check(row.size() == 10, "ten kept columns");
+    fuzz::check(stats.core_util.size() == cpus.cores(), "one figure per core");
+    for (std::size_t core = 0; core < cpus.cores(); ++core) {
+      const int c = topology.cluster_of(static_cast<int>(core));
+      const float util = stats.core_util[core];
       if (c < 0 || std::isnan(util)) continue;
-      fuzz::check(stats.time_stats.cluster_max_util[static_cast<std::size_t>(c)] >= util,
+      fuzz::check(stats.cluster_max_util[static_cast<std::size_t>(c)] >= util,
                   "a cluster's maximum covers each of its cores");
     }
   }

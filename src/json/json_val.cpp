@@ -18,78 +18,46 @@ JsonVal::JsonVal(Object value) : kind(OBJECT_KIND) {
   new (&object_value) Object(std::move(value));
 }
 
-JsonVal& JsonVal::operator=(const JsonVal& other) {
-  if (this != &other) {
-    // Copy first: `other` may live inside this value's own contents.
-    JsonVal copy(other);
-    clear();
-    assign(std::move(copy));
-  }
+JsonVal& JsonVal::operator=(JsonVal other) noexcept {
+  clear();
+  assign(std::move(other));
   return *this;
 }
 
-JsonVal& JsonVal::operator=(JsonVal&& other) noexcept {
-  if (this != &other) {
-    JsonVal taken;
-    taken.assign(std::move(other));
-    clear();
-    assign(std::move(taken));
+template <typename Source>
+void JsonVal::take(Source&& other) {
+  clear();
+  switch (other.kind) {
+    case BOOL_KIND:
+      bool_value = other.bool_value;
+      break;
+    case INT_KIND:
+      int_value = other.int_value;
+      break;
+    case DOUBLE_KIND:
+      double_value = other.double_value;
+      break;
+    case STRING_KIND:
+      new (&string_value) std::string(std::forward<Source>(other).string_value);
+      break;
+    case ARRAY_KIND:
+      new (&array_value) Array(std::forward<Source>(other).array_value);
+      break;
+    case OBJECT_KIND:
+      new (&object_value) Object(std::forward<Source>(other).object_value);
+      break;
+    default:
+      break;
   }
-  return *this;
+  kind = other.kind;
 }
 
 void JsonVal::assign(const JsonVal& other) {
-  clear();
-  switch (other.kind) {
-    case BOOL_KIND:
-      bool_value = other.bool_value;
-      break;
-    case INT_KIND:
-      int_value = other.int_value;
-      break;
-    case DOUBLE_KIND:
-      double_value = other.double_value;
-      break;
-    case STRING_KIND:
-      new (&string_value) std::string(other.string_value);
-      break;
-    case ARRAY_KIND:
-      new (&array_value) Array(other.array_value);
-      break;
-    case OBJECT_KIND:
-      new (&object_value) Object(other.object_value);
-      break;
-    default:
-      break;
-  }
-  kind = other.kind;
+  take(other);
 }
 
 void JsonVal::assign(JsonVal&& other) noexcept {
-  clear();
-  switch (other.kind) {
-    case BOOL_KIND:
-      bool_value = other.bool_value;
-      break;
-    case INT_KIND:
-      int_value = other.int_value;
-      break;
-    case DOUBLE_KIND:
-      double_value = other.double_value;
-      break;
-    case STRING_KIND:
-      new (&string_value) std::string(std::move(other.string_value));
-      break;
-    case ARRAY_KIND:
-      new (&array_value) Array(std::move(other.array_value));
-      break;
-    case OBJECT_KIND:
-      new (&object_value) Object(std::move(other.object_value));
-      break;
-    default:
-      break;
-  }
-  kind = other.kind;
+  take(std::move(other));
   other.clear();
 }
 

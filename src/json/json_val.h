@@ -37,8 +37,9 @@ class JsonVal {
 
   JsonVal(const JsonVal& other) : JsonVal() { assign(other); }
   JsonVal(JsonVal&& other) noexcept : JsonVal() { assign(std::move(other)); }
-  JsonVal& operator=(const JsonVal& other);
-  JsonVal& operator=(JsonVal&& other) noexcept;
+  // Copy and move alike: `other` is made before this value is cleared, since it may live inside
+  // this value's own contents.
+  JsonVal& operator=(JsonVal other) noexcept;
   virtual ~JsonVal() { clear(); }
 
   // Deep copy into this value; whatever it held before is freed first.
@@ -58,6 +59,11 @@ class JsonVal {
     Array array_value;
     Object object_value;
   };
+
+ private:
+  // What both assigns do, for a const source (copied) or an rvalue one (moved from).
+  template <typename Source>
+  void take(Source&& other);
 };
 
 // Backslash before each double quote or backslash that is not already escaped, so that escaping

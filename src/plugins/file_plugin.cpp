@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "platform/os/node.h"
+#include "platform/os/read.h"
 #include "platform/zavra_os/zavra_os.h"
 
 namespace emberline {
@@ -36,7 +37,7 @@ bool FilePlugin::on_output() {
     std::optional<std::string> text = Zavra::OS::File::ReadText(paths[i], kReadLimit);
     // A file that went away keeps showing what it last held.
     if (!text) continue;
-    text->erase(text->find_last_not_of(" \t\n\r") + 1);
+    text->resize(os::trim_end(*text).size());
     values[i]->set(std::move(*text));
   }
   return true;

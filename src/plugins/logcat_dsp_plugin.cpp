@@ -7,7 +7,6 @@
 #include <string_view>
 
 #include "platform/trace/perfetto.h"
-#include "plugins/logcat_window.h"
 
 namespace emberline {
 
@@ -71,7 +70,7 @@ void emit(const perfetto::CounterTrack& track, const float& value) {
 }
 }  // namespace
 
-LogcatDspPlugin::LogcatDspPlugin() : start_time(std::time(nullptr)) {
+LogcatDspPlugin::LogcatDspPlugin() : WindowedPlugin(kCommandPrefix) {
   add_value("dsp_util_max_prct", util_max,
             FieldOptions("The max percentage of compute being utilized by the DSP"), false);
   add_value("dsp_util_avg_prct", util_avg,
@@ -89,23 +88,12 @@ LogcatDspPlugin::LogcatDspPlugin() : start_time(std::time(nullptr)) {
   add_value("dsp_freq", freq_avg, FieldOptions("The average frequency of the DSP in MHz"), false);
 }
 
-LogcatDspPlugin::~LogcatDspPlugin() {
-  if (pipe != nullptr) ::pclose(pipe);
-}
-
-bool LogcatDspPlugin::init() {
-  command = logcat::window_command(kCommandPrefix, logcat::start_stamp(start_time));
-  return true;
-}
-
 bool LogcatDspPlugin::on_output() {
-  pipe = open_log(command);
-  if (pipe == nullptr) return true;
+  if (!open_window()) return true;
   // A run that printed nothing leaves the values and the window as they were.
   const int first = std::fgetc(pipe);
   if (first == EOF) {
-    close_log(pipe);
-    pipe = nullptr;
+    close_window();
     return true;
   }
   std::ungetc(first, pipe);
@@ -113,25 +101,19 @@ bool LogcatDspPlugin::on_output() {
   std::uint32_t count = 0;
   float sum_freq = 0.0f, max_util = 0.0f;
   float sums[kSlots] = {};
-  std::string last_stamp;
-  char buffer[kLineBuffer];
-  while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) {
-    const std::string_view stamp = logcat::leading_stamp(buffer);
-    if (stamp.empty()) continue;
-    // Every dated line moves the window, telemetry or not.
-    last_stamp = stamp;
-    const std::size_t length = std::strlen(buffer);
-    if (length < kMinLineLength) continue;
-    if (std::string_view(buffer + kMarkerColumn, sizeof kMarker - 1) != kMarker) continue;
-    const std::optional<Telemetry> t = parse_telemetry(std::string(buffer, length));
-    if (!t) continue;
+  // Every dated line moves the window, telemetry or not.
+  read_dated_lines<kLineBuffer>([&](const char* line) {
+    const std::size_t length = std::strlen(line);
+    if (length < kMinLineLength) return;
+    if (std::string_view(line + kMarkerColumn, sizeof kMarker - 1) != kMarker) return;
+    const std::optional<Telemetry> t = parse_telemetry(std::string(line, length));
+    if (!t) return;
     sum_freq += t->freq;
     ++count;
     max_util = std::max(max_util, t->fractions[kOverall]);
     for (int slot = 0; slot < kSlots; ++slot) sums[slot] += t->fractions[slot];
-  }
-  close_log(pipe);
-  pipe = nullptr;
+  });
+  close_window();
 
   // An output without telemetry keeps the last numbers in the report and on the counters.
   if (count != 0) {
@@ -144,7 +126,6 @@ bool LogcatDspPlugin::on_output() {
     udma_avg->set(sums[kUdma] / n);
     freq_avg->set(sum_freq / n);
   }
-  if (!last_stamp.empty()) command = logcat::window_command(kCommandPrefix, last_stamp);
   return true;
 }
 

@@ -1,10 +1,7 @@
 #include "plugins/logcat_ravelin_plugin.h"
 
 #include <cstdlib>
-#include <cstring>
 #include <limits>
-
-#include "plugins/logcat_window.h"
 
 namespace emberline {
 
@@ -47,16 +44,12 @@ void LogcatRavelinPlugin::RavelinFieldReader<T>::finalize() {
   reset();
 }
 
-LogcatRavelinPlugin::LogcatRavelinPlugin() : start_time(std::time(nullptr)) {
+LogcatRavelinPlugin::LogcatRavelinPlugin() : WindowedPlugin(kCommandPrefix) {
   add_field("fps", "Average frames per second since last output", field("FPS=", false));
   add_field("prd", "Overall e2e latency", field("Prd=", false));
   add_field("stale_frames", "Average stale frames since last output", field("Stale=", false));
   add_field("tears", "Average Screen Tear Count", field("Tear=", false));
   add_field("cfl", "Average Compositor Frame Latency p95", field("ICFLp95=", true));
-}
-
-LogcatRavelinPlugin::~LogcatRavelinPlugin() {
-  if (pipe != nullptr) ::pclose(pipe);
 }
 
 void LogcatRavelinPlugin::add_field(const std::string& key, const std::string& description,
@@ -66,35 +59,17 @@ void LogcatRavelinPlugin::add_field(const std::string& key, const std::string& d
   readers.push_back(reader);
 }
 
-bool LogcatRavelinPlugin::init() {
-  command = logcat::window_command(kCommandPrefix, logcat::start_stamp(start_time));
-  return true;
-}
-
 bool LogcatRavelinPlugin::on_output() {
-  pipe = open_log(command);
-  if (pipe != nullptr) {
-    read_window(pipe);
-    close_log(pipe);
-    pipe = nullptr;
+  if (open_window()) {
+    read_dated_lines<kLineBuffer>([this](const char* line) {
+      for (const std::string& token : utils::split(line, ',')) {
+        for (const auto& reader : readers) reader->parse(token);
+      }
+    });
+    close_window();
   }
   for (const auto& reader : readers) reader->finalize();
   return true;
-}
-
-void LogcatRavelinPlugin::read_window(FILE* stream) {
-  char line[kLineBuffer];
-  std::string last_stamp;
-  while (std::fgets(line, sizeof line, stream) != nullptr) {
-    const std::string_view stamp = logcat::leading_stamp(line);
-    if (stamp.empty()) continue;
-    last_stamp = stamp;
-    for (const std::string& token : utils::split(line, ',')) {
-      for (const auto& reader : readers) reader->parse(token);
-    }
-  }
-  // Without a dated line the next run asks for the same window again.
-  if (!last_stamp.empty()) command = logcat::window_command(kCommandPrefix, last_stamp);
 }
 
 }  // namespace emberline

@@ -1,18 +1,17 @@
 #pragma once
 
-#include <cstdio>
-#include <ctime>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "plugin.h"
+#include "plugins/logcat_window.h"
 
 namespace emberline {
 
 // Frame statistics of the headset's runtime, averaged per output over its log lines.
-class LogcatRavelinPlugin : public Plugin {
+class LogcatRavelinPlugin : public logcat::WindowedPlugin {
  public:
   // One report field: picks its number out of comma-separated pieces of log lines.
   class IRavelinFieldReader {
@@ -46,25 +45,13 @@ class LogcatRavelinPlugin : public Plugin {
   static const float kNoMatch;
 
   LogcatRavelinPlugin();
-  ~LogcatRavelinPlugin() override;
 
   void add_field(const std::string& key, const std::string& description,
                  std::function<float(std::string)> parser);
 
-  bool init() override;
   bool on_output() override;
 
- protected:
-  // Where the entries come from; tests stand a memory stream in for `logcat`.
-  virtual FILE* open_log(const std::string& command) { return ::popen(command.c_str(), "r"); }
-  virtual void close_log(FILE* stream) { ::pclose(stream); }
-
  private:
-  void read_window(FILE* stream);
-
-  FILE* pipe = nullptr;
-  std::string command;
-  std::time_t start_time;
   std::vector<std::shared_ptr<IRavelinFieldReader>> readers;
 };
 

@@ -38,4 +38,26 @@ std::string window_command(const char* prefix, std::string_view stamp) {
   return command;
 }
 
+WindowedPlugin::WindowedPlugin(const char* command_prefix)
+    : start_time(std::time(nullptr)), command_prefix(command_prefix) {}
+
+WindowedPlugin::~WindowedPlugin() {
+  if (pipe != nullptr) ::pclose(pipe);
+}
+
+bool WindowedPlugin::init() {
+  command = window_command(command_prefix, start_stamp(start_time));
+  return true;
+}
+
+bool WindowedPlugin::open_window() {
+  pipe = open_log(command);
+  return pipe != nullptr;
+}
+
+void WindowedPlugin::close_window() {
+  close_log(pipe);
+  pipe = nullptr;
+}
+
 }  // namespace emberline::logcat

@@ -45,9 +45,9 @@ bool PowerRailsPlugin::init() {
                 << std::endl;
       return false;
     }
-    for (std::string line; std::getline(rails, line);) {
+    os::for_each_line(rails, [&](const std::string& line) {
       const auto pieces = parse_available_rail(line);
-      if (!pieces) continue;
+      if (!pieces) return;
       const auto& [id, rail] = *pieces;
       rail_names[device][id] = rail;
       auto value = std::make_shared<UnitValue<3, 'W'>>();
@@ -55,7 +55,7 @@ bool PowerRailsPlugin::init() {
       // A rail this table does not know still reports, under the name the hardware gives it.
       auto key = rail_keys.find(rail);
       add_value(key != rail_keys.end() ? key->second : rail, value, FieldOptions());
-    }
+    });
     rails.close();
     average_files[d].open(device + "/average_value");
     if (!average_files[d]) return false;
@@ -66,19 +66,15 @@ bool PowerRailsPlugin::init() {
 bool PowerRailsPlugin::on_output() {
   for (std::size_t d = 0; d < device_paths.size(); ++d) {
     const std::string& device = device_paths[d];
-    os::NodeStream& averages = average_files[d];
-    averages.close();
-    averages.clear();
-    averages.open(device + "/average_value");
     auto& values = rail_values[device];
-    for (std::string line; std::getline(averages, line);) {
+    os::reread_lines(average_files[d], device + "/average_value", [&](const std::string& line) {
       const auto average = parse_rail_average(line);
-      if (!average) continue;
+      if (!average) return;
       // An id that available_rails did not list has no field to feed.
       auto value = values.find(average->first);
-      if (value == values.end()) continue;
+      if (value == values.end()) return;
       value->second->set(average->second);
-    }
+    });
   }
   return true;
 }

@@ -2,110 +2,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
-#include <cmath>
 #include <iostream>
 
 #include "platform/os/node.h"
+#include "platform/os/read.h"
 #include "platform/trace/perfetto.h"
 #include "platform/zavra_os/zavra_os.h"
 
 namespace emberline {
-
-namespace dram {
-
-namespace {
-
-// One tab-separated column in base 16, read as the driver's tools read it: leading blanks and a
-// "0x" are allowed, and the number ends at the first character that is no digit.
-bool parse_hex(std::string_view piece, unsigned long& out) {
-  std::size_t start = piece.find_first_not_of(" \n\r\f\v");
-  if (start == std::string_view::npos) return false;
-  piece.remove_prefix(start);
-  if (piece.size() > 2 && piece[0] == '0' && (piece[1] == 'x' || piece[1] == 'X')) {
-    piece.remove_prefix(2);
-  }
-  auto [end, error] = std::from_chars(piece.data(), piece.data() + piece.size(), out, 16);
-  return error == std::errc() && end != piece.data();
-}
-
-bool parse_line(std::string_view line, Sample& sample) {
-  std::size_t column = 0;
-  while (column < sample.size() && !line.empty()) {
-    std::size_t tab = line.find('\t');
-    std::string_view piece = line.substr(0, tab);
-    line.remove_prefix(tab == std::string_view::npos ? line.size() : tab + 1);
-    // Runs of tabs count as one separator.
-    if (piece.empty()) continue;
-    if (!parse_hex(piece, sample[column])) return false;
-    ++column;
-  }
-  return column == sample.size();
-}
-
-BandwidthStats reduce(std::span<const Sample> samples, bool signed_division) {
-  BandwidthStats stats;
-  if (samples.empty()) return stats;
-  auto low = [](unsigned long number) { return static_cast<std::uint32_t>(number); };
-
-  std::uint32_t n = static_cast<std::uint32_t>(samples.size());
-  std::uint32_t used_sum = 0, avail_sum = 0, ddr_sum = 0;
-  stats.minimum = stats.maximum = low(samples[0][1]);
-  stats.ddr_minimum = stats.ddr_maximum = low(samples[0][3]);
-  for (const Sample& s : samples) {
-    used_sum += low(s[1]);
-    avail_sum += low(s[2]);
-    ddr_sum += low(s[3]);
-    stats.minimum = std::min(stats.minimum, low(s[1]));
-    stats.maximum = std::max(stats.maximum, low(s[1]));
-    stats.ddr_minimum = std::min(stats.ddr_minimum, low(s[3]));
-    stats.ddr_maximum = std::max(stats.ddr_maximum, low(s[3]));
-  }
-
-  if (signed_division) {
-    auto as_signed = [](std::uint32_t v) { return static_cast<std::int32_t>(v); };
-    std::int32_t mean = as_signed(used_sum) / as_signed(n);
-    std::int32_t avail = as_signed(avail_sum) / as_signed(n);
-    stats.mean = static_cast<std::uint32_t>(mean);
-    stats.available = static_cast<std::uint32_t>(avail);
-    stats.utilisation = static_cast<float>(mean) / static_cast<float>(avail);
-  } else {
-    stats.mean = used_sum / n;
-    stats.available = avail_sum / n;
-    stats.ddr_mean = ddr_sum / n;
-    stats.utilisation = static_cast<float>(stats.mean) / static_cast<float>(stats.available);
-  }
-
-  double squares = 0;
-  for (const Sample& s : samples) {
-    std::uint32_t difference = low(s[1]) - stats.mean;
-    squares += static_cast<double>(static_cast<std::int32_t>(difference * difference));
-  }
-  stats.samples = n;
-  stats.stddev = std::sqrt(squares / n);
-  return stats;
-}
-
-}  // namespace
-
-void parse_samples(std::string_view text, std::vector<Sample>& out) {
-  while (!text.empty()) {
-    std::size_t end = text.find('\n');
-    std::string_view line = text.substr(0, end);
-    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    Sample sample{};
-    if (!line.empty() && parse_line(line, sample)) out.push_back(sample);
-  }
-}
-
-BandwidthStats client_stats(std::span<const Sample> samples) {
-  return reduce(samples, true);
-}
-BandwidthStats total_stats(std::span<const Sample> samples) {
-  return reduce(samples, false);
-}
-
-}  // namespace dram
 
 namespace {
 
@@ -253,8 +157,7 @@ bool QuillonDRAMBandwidthPlugin::initClientMappings() {
       std::cerr << "Failed to read file at '" << client_paths[i] << "'" << std::endl;
       return false;
     }
-    std::size_t end = text->find_last_not_of(" \t\n\r");
-    client_index[text->substr(0, end == std::string::npos ? 0 : end + 1)] = i;
+    client_index[std::string(os::trim_end(*text))] = i;
   }
   return true;
 }
@@ -305,9 +208,7 @@ bool QuillonDRAMBandwidthPlugin::readSampleNode(int monitor) {
     std::cerr << "Failed to read sample from '" << sample_paths[monitor] << "'" << std::endl;
     return false;
   }
-  const std::size_t end = text->find_last_not_of(" \t\n\r");
-  dram::parse_samples(std::string_view(*text).substr(0, end == std::string::npos ? 0 : end + 1),
-                      samples);
+  dram::parse_samples(os::trim_end(*text), samples);
   return true;
 }
 

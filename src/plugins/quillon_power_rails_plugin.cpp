@@ -75,12 +75,12 @@ bool QuillonPowerRailsPlugin::init() {
     // Each line makes the rail's value anew: a node without a line gives the rail no field, and
     // of a node with two lines the report keeps the value made first, while the outputs update
     // the one made last. A garbled line still makes its value, null until a reading comes.
-    for (std::string line; std::getline(power_files[i], line);) {
+    os::for_each_line(power_files[i], [&](const std::string& line) {
       auto value = std::make_shared<UnitValue<3, 'W'>>();
       rail_values[dir][short_key(i)] = value;
       if (auto watts = microwatts_to_watts(line)) value->set(*watts);
       add_value(rail_names[dir] + "_" + short_key(i), value, FieldOptions());
-    }
+    });
   }
   return true;
 }
@@ -92,13 +92,10 @@ bool QuillonPowerRailsPlugin::on_output() {
     if (rail == rail_values.end()) continue;
     auto value = rail->second.find(short_key(i));
     if (value == rail->second.end()) continue;
-    os::NodeStream& power = power_files[i];
-    power.close();
-    power.clear();
-    power.open(kPowercap + "/" + dir + "/power_uw");
-    for (std::string line; std::getline(power, line);) {
-      if (auto watts = microwatts_to_watts(line)) value->second->set(*watts);
-    }
+    os::reread_lines(power_files[i], kPowercap + "/" + dir + "/power_uw",
+                     [&](const std::string& line) {
+                       if (auto watts = microwatts_to_watts(line)) value->second->set(*watts);
+                     });
   }
   return true;
 }

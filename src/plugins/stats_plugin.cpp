@@ -1,19 +1,17 @@
 #include "plugins/stats_plugin.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
-#include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <limits>
 
 #include "platform/os/node.h"
+#include "platform/os/read.h"
 
 namespace emberline {
 
@@ -28,19 +26,13 @@ const char* const kBlPower = "/sys/class/backlight/panel0-backlight/bl_power";
 const char* const kChargeCounter = "/sys/class/power_supply/battery/charge_counter";
 const char* const kChargeFull = "/sys/class/power_supply/battery/charge_full";
 
-// The columns of a /proc/stat CPU row; kernels older than the last two columns give fewer.
-constexpr std::size_t kStatColumns = 10;
-// No kernel configures more CPUs than this; a larger "core" number is garbage, not a cluster.
-constexpr int kMaxCores = 8192;
 // Bounds what a garbled sysfs node can make the output path read.
 constexpr std::size_t kMaxFileBytes = 1 << 20;
+// A frequency in kHz and its line end fit many times over.
+constexpr std::size_t kCurFreqBytes = 63;
 
 void warn(const char* text) {
   std::cerr << text << std::endl;
-}
-
-bool is_digit(char c) {
-  return c >= '0' && c <= '9';
 }
 
 // x86 makes 0 / 0 a NaN with the sign bit set, where the headset's ARM cores make it positive;
@@ -49,114 +41,15 @@ float published(float value) {
   return std::isnan(value) ? std::numeric_limits<float>::quiet_NaN() : value;
 }
 
-// The whole of a file into `text`, reusing its storage. False if the file cannot be opened.
-bool read_whole(const char* path, std::string& text) {
-  const int fd = os::open_node(path);
-  if (fd < 0) return false;
-  text.resize(std::max<std::size_t>(text.capacity(), 4096));
-  std::size_t used = 0;
-  for (;;) {
-    if (used == text.size()) {
-      if (text.size() >= kMaxFileBytes) break;
-      text.resize(text.size() * 2);
-    }
-    const ssize_t got = ::read(fd, text.data() + used, text.size() - used);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    used += static_cast<std::size_t>(got);
-  }
-  ::close(fd);
-  text.resize(used);
-  return true;
-}
-
-// Calls `each` with every line of `text`, without its line end.
-template <typename Each>
-void for_each_line(std::string_view text, Each&& each) {
-  while (!text.empty()) {
-    const std::size_t end = text.find('\n');
-    each(text.substr(0, end));
-    if (end == std::string_view::npos) break;
-    text.remove_prefix(end + 1);
-  }
-}
-
-// The kHz number of a cpuinfo_cur_freq node, 0 when it holds none. Opened and closed on each use:
-// a cluster's policy can come and go with hotplug. None if it cannot be opened.
-std::optional<long> read_cur_freq(const std::string& path) {
-  const int fd = os::open_node(path);
-  if (fd < 0) return std::nullopt;
-  char text[64];
-  ssize_t got;
-  do {
-    got = ::read(fd, text, sizeof text - 1);
-  } while (got < 0 && errno == EINTR);
-  ::close(fd);
-  text[got > 0 ? got : 0] = '\0';
-  return std::strtol(text, nullptr, 10);
-}
-
-// Whole decimal int of `text`, where core numbers are expected.
-std::optional<int> parse_core(std::string_view text) {
-  if (text.empty() || !std::all_of(text.begin(), text.end(), is_digit)) return std::nullopt;
-  int value = 0;
-  for (char c : text) {
-    value = value * 10 + (c - '0');
-    if (value >= kMaxCores) return std::nullopt;
-  }
-  return value;
+// The kHz number of a cpuinfo_cur_freq node, 0 when it holds none, also when its read fails.
+// Opened and closed on each use: a cluster's policy can come and go with hotplug. None if it
+// cannot be opened.
+std::optional<long> read_cur_freq(const std::string& path, std::string& text) {
+  if (os::read_node(path, text, kCurFreqBytes) == os::NodeRead::kUnopened) return std::nullopt;
+  return std::strtol(text.c_str(), nullptr, 10);
 }
 
 }  // namespace
-
-std::string get_first_word(std::string& line) {
-  std::string word;
-  const std::size_t blank = line.find(' ');
-  if (blank != std::string::npos) {
-    word.assign(line, 0, blank);
-    line.erase(0, blank + 1);
-    const std::size_t digit = line.find_first_of("0123456789");
-    if (digit != std::string::npos) line.erase(0, digit);
-  }
-  if (word.empty() && !line.empty()) {
-    word = line;
-    line.clear();
-  }
-  return word;
-}
-
-void get_cpu_stat(std::string& line, std::vector<unsigned long>& numbers) {
-  numbers.clear();
-  while (!line.empty()) {
-    const std::string word = get_first_word(line);
-    // strtoull reads a number as stoull does, but says so instead of throwing when none is there.
-    errno = 0;
-    char* end = nullptr;
-    const unsigned long long number = std::strtoull(word.c_str(), &end, 10);
-    if (end == word.c_str() || errno == ERANGE) continue;
-    numbers.push_back(number);
-  }
-}
-
-std::vector<unsigned long> get_cpu_stat(std::string& line) {
-  std::vector<unsigned long> numbers;
-  get_cpu_stat(line, numbers);
-  return numbers;
-}
-
-std::optional<std::pair<int, int>> parse_affected_cpus(std::string line) {
-  while (!line.empty() && (line.back() == ' ' || line.back() == '\t' || line.back() == '\n' ||
-                           line.back() == '\r')) {
-    line.pop_back();
-  }
-  const std::size_t first_blank = line.find(' ');
-  const std::size_t last_blank = line.rfind(' ');
-  const auto first = parse_core(std::string_view(line).substr(0, first_blank));
-  const auto last = parse_core(
-      last_blank == std::string::npos ? line : std::string_view(line).substr(last_blank + 1));
-  if (!first || !last || *first > *last) return std::nullopt;
-  return std::pair{*first, *last};
-}
 
 CpuClusterSection::CpuClusterSection()
     : avg_util(std::make_shared<PercentageValue<3>>()),
@@ -194,10 +87,11 @@ StatsPlugin::StatsPlugin(bool cycle_util, std::string dir) : cpufreq_dir(std::mo
     cur_freq_paths.push_back(policy + "/cpuinfo_cur_freq");
     time_in_state_paths.push_back(policy + "/stats/time_in_state");
   }
-  cluster_busy.assign(clusters.size(), 0);
-  cluster_idle.assign(clusters.size(), 0);
-  cluster_other.assign(clusters.size(), 0);
-  row.reserve(64);
+  // Sized here, so that no report allocates for them, the first cycle-based one included.
+  buffers.row.reserve(64);
+  buffers.cluster_busy.assign(clusters.size(), 0);
+  buffers.cluster_idle.assign(clusters.size(), 0);
+  buffers.cluster_other.assign(clusters.size(), 0);
 
   if (cycle_util) {
     cycle_util_available = is_time_in_state_available();
@@ -221,6 +115,7 @@ StatsPlugin::~StatsPlugin() {
 
 std::vector<std::pair<int, int>> StatsPlugin::get_affected_cpus(const std::string& dir) {
   std::vector<std::pair<int, int>> found;
+  std::string text;
   DIR* listing = ::opendir(dir.c_str());
   if (listing == nullptr) return found;
   while (const dirent* entry = ::readdir(listing)) {
@@ -231,34 +126,17 @@ std::vector<std::pair<int, int>> StatsPlugin::get_affected_cpus(const std::strin
     const std::string entry_path = dir + "/" + name;
     if (::stat(entry_path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) continue;
     const std::string path = entry_path + "/affected_cpus";
-    std::FILE* file = os::open_node_file(path);
-    if (file == nullptr) {
+    if (os::read_node(path, text, kMaxFileBytes) == os::NodeRead::kUnopened) {
       std::cerr << "Failed to open " << path << std::endl;
       continue;
     }
-    char* text = nullptr;
-    std::size_t size = 0;
-    const ssize_t got = ::getline(&text, &size, file);
-    std::fclose(file);
     // A policy whose cores are all offline lists none; it gives no cluster, as its cores give no
     // /proc/stat rows to report.
-    if (got > 0) {
-      if (auto cluster = parse_affected_cpus(std::string(text, static_cast<std::size_t>(got)))) {
-        found.push_back(*cluster);
-      }
-    }
-    std::free(text);
+    if (auto cluster = parse_affected_cpus(text)) found.push_back(*cluster);
   }
   ::closedir(listing);
   std::sort(found.begin(), found.end());
   return found;
-}
-
-int StatsPlugin::cluster_of(int core) const {
-  for (std::size_t c = 0; c < clusters.size(); ++c) {
-    if (clusters[c].first <= core && core <= clusters[c].second) return static_cast<int>(c);
-  }
-  return -1;
 }
 
 bool StatsPlugin::is_time_in_state_available() {
@@ -270,37 +148,15 @@ bool StatsPlugin::is_time_in_state_available() {
   total_time.assign(static_cast<std::size_t>(num_cores), {});
   for (int c = 0; c < num_clusters; ++c) {
     const std::string& path = time_in_state_paths[static_cast<std::size_t>(c)];
-    if (!read_whole(path.c_str(), file_text)) {
+    if (os::read_node(path, file_text, kMaxFileBytes) == os::NodeRead::kUnopened) {
       std::cerr << "Failed to open " << path << std::endl;
       return false;
     }
-    if (!add_frequency_weights(file_text, c, tick_rate)) return false;
-  }
-  return true;
-}
-
-bool StatsPlugin::add_frequency_weights(std::string_view text, int c, unsigned long tick_rate) {
-  std::vector<unsigned long> weights;
-  bool extended = true;
-  for_each_line(text, [&](std::string_view text_line) {
-    if (!extended) return;
-    line.assign(text_line);
-    get_cpu_stat(line, row);
-    // Two numbers are the kernel's plain format; a row without numbers has no frequency to
-    // weigh. A file without rows passes: its cores then count nothing, and read as not a number.
-    if (row.size() == 2 || row.empty()) {
-      extended = false;
-      return;
+    if (!add_frequency_weights(file_text, topology(), c, tick_rate, freq_table, busy_idle,
+                               total_time)) {
+      return false;
     }
-    weights.push_back(row[0] / tick_rate);
-  });
-  if (!extended) return false;
-  for (int core = clusters[c].first; core <= clusters[c].second && core < num_cores; ++core) {
-    if (cluster_of(core) != c) continue;
-    total_time[static_cast<std::size_t>(core)].assign(weights.size(), 0);
-    busy_idle[static_cast<std::size_t>(core)].assign(weights.size(), {0, 0});
   }
-  freq_table.push_back(std::move(weights));
   return true;
 }
 
@@ -336,162 +192,36 @@ void StatsPlugin::set_cluster_section(
 }
 
 bool StatsPlugin::update_cpu_stats_by_cpu_time() {
-  if (!read_whole(kProcStat, file_text)) {
+  // A read that fails part way, or a node past the limit, still gives the rows read so far.
+  if (os::read_node(kProcStat, file_text, kMaxFileBytes) == os::NodeRead::kUnopened) {
     std::cerr << "Failed to open /proc/stat" << std::endl;
     return false;
   }
-  account_proc_stat(file_text);
+  account_proc_stat(file_text, topology(), prev_rows, time_stats, buffers);
   return true;
-}
-
-void StatsPlugin::account_proc_stat(std::string_view text) {
-  if (prev_rows.empty()) {
-    prev_rows.assign(static_cast<std::size_t>(num_cores) + 1,
-                     std::vector<unsigned long>(kStatColumns, 0));
-  }
-  std::fill(time_stats.core_util.begin(), time_stats.core_util.end(), 0.0f);
-  std::fill(time_stats.cluster_avg_util.begin(), time_stats.cluster_avg_util.end(), 0.0f);
-  std::fill(time_stats.cluster_max_util.begin(), time_stats.cluster_max_util.end(), 0.0f);
-
-  for_each_line(text, [this](std::string_view text_line) {
-    line.assign(text_line);
-    const std::string word = get_first_word(line);
-    if (word.size() < 3 || word.compare(0, 3, "cpu") != 0) return;
-    int index = num_cores;
-    const auto digit = std::find_if(word.begin(), word.end(), is_digit);
-    if (digit != word.end()) {
-      // A core the topology did not find at start-up (one that came online since, or a garbled
-      // number) has nowhere to keep its counters, so its row is passed over.
-      int number = 0;
-      for (auto it = digit; it != word.end() && is_digit(*it); ++it) {
-        number = number * 10 + (*it - '0');
-        if (number >= num_cores) return;
-      }
-      index = number;
-    }
-    get_cpu_stat(line, row);
-    // Counters a kernel does not have yet count as 0.
-    row.resize(kStatColumns, 0);
-    std::vector<unsigned long>& prev = prev_rows[static_cast<std::size_t>(index)];
-    std::uint32_t idle = 0;
-    std::uint32_t total = 0;
-    for (std::size_t k = 0; k < kStatColumns; ++k) {
-      // The kernel's counters are 32 bits wide on some builds; the low halves wrap alike.
-      const std::uint32_t d =
-          static_cast<std::uint32_t>(row[k]) - static_cast<std::uint32_t>(prev[k]);
-      total += d;
-      if (k == 3 || k == 4) idle += d;
-    }
-    const float util = 1.0f - static_cast<float>(static_cast<std::int32_t>(idle)) /
-                                  static_cast<float>(static_cast<std::int32_t>(total));
-    if (index < num_cores) {
-      time_stats.core_util[static_cast<std::size_t>(index)] = util;
-      // A core in no cluster still reports its own figure.
-      const int c = cluster_of(index);
-      if (c >= 0) {
-        time_stats.cluster_avg_util[static_cast<std::size_t>(c)] += util;
-        float& max = time_stats.cluster_max_util[static_cast<std::size_t>(c)];
-        max = std::fmax(max, util);
-      }
-    }
-    std::copy(row.begin(), row.begin() + kStatColumns, prev.begin());
-  });
-
-  for (std::size_t c = 0; c < clusters.size(); ++c) {
-    time_stats.cluster_avg_util[c] /=
-        static_cast<float>(clusters[c].second - clusters[c].first + 1);
-  }
 }
 
 bool StatsPlugin::update_busy_and_idle_time() {
   for (int c = 0; c < num_clusters; ++c) {
-    if (!read_whole(time_in_state_paths[static_cast<std::size_t>(c)].c_str(), file_text) ||
-        !read_time_in_state(file_text, c)) {
+    const std::string& path = time_in_state_paths[static_cast<std::size_t>(c)];
+    if (os::read_node(path, file_text, kMaxFileBytes) == os::NodeRead::kUnopened) return false;
+    if (!parse_time_in_state(file_text, topology(), c, freq_table, busy_idle, total_time,
+                             buffers)) {
       return false;
     }
   }
   return true;
 }
 
-bool StatsPlugin::read_time_in_state(std::string_view text, int cluster) {
-  if (cluster < 0 || static_cast<std::size_t>(cluster) >= freq_table.size()) return false;
-  // Two variables, not a structured binding: clang before 16 cannot capture one in the lambda.
-  const int first = clusters[static_cast<std::size_t>(cluster)].first;
-  const int last = clusters[static_cast<std::size_t>(cluster)].second;
-  const std::size_t size = static_cast<std::size_t>(last - first + 1);
-  const std::size_t rows = freq_table[static_cast<std::size_t>(cluster)].size();
-  std::size_t j = 0;
-  bool ok = true;
-  for_each_line(text, [&](std::string_view text_line) {
-    // Rows a frequency table gained after start-up have no weight, and are left out rather
-    // than end the run.
-    if (!ok || j >= rows) return;
-    line.assign(text_line);
-    get_cpu_stat(line, row);
-    if (row.size() != 4 + 2 * size) {
-      ok = false;
-      return;
-    }
-    for (std::size_t k = 0; k < size; ++k) {
-      const int core = first + static_cast<int>(k);
-      if (core >= num_cores || cluster_of(core) != cluster) continue;
-      busy_idle[static_cast<std::size_t>(core)][j] = {row[4 + 2 * k], row[5 + 2 * k]};
-      total_time[static_cast<std::size_t>(core)][j] = row[1];
-    }
-    ++j;
-  });
-  return ok;
-}
-
 bool StatsPlugin::update_cpu_stats_by_cpu_cycles() {
-  std::fill(cluster_busy.begin(), cluster_busy.end(), 0);
-  std::fill(cluster_idle.begin(), cluster_idle.end(), 0);
-  std::fill(cluster_other.begin(), cluster_other.end(), 0);
-  std::fill(cycle_stats.core_util.begin(), cycle_stats.core_util.end(), 0.0f);
-  std::fill(cycle_stats.cluster_avg_util.begin(), cycle_stats.cluster_avg_util.end(), 0.0f);
-  std::fill(cycle_stats.cluster_max_util.begin(), cycle_stats.cluster_max_util.end(), 0.0f);
-
+  cycle_stats.clear();
   if (!update_busy_and_idle_time()) {
     std::cerr << "Failed update busy and idle time" << std::endl;
     return false;
   }
   if (!prev_busy_idle.empty()) {
-    for (int core = 0; core < num_cores; ++core) {
-      const int c = cluster_of(core);
-      // Without a cluster there are no frequency weights; the core reads 0.
-      if (c < 0) continue;
-      const auto& now = busy_idle[static_cast<std::size_t>(core)];
-      const auto& prev = prev_busy_idle[static_cast<std::size_t>(core)];
-      const auto& now_total = total_time[static_cast<std::size_t>(core)];
-      const auto& prev_total = prev_total_time[static_cast<std::size_t>(core)];
-      const auto& weights = freq_table[static_cast<std::size_t>(c)];
-      unsigned long busy = 0;
-      unsigned long idle = 0;
-      unsigned long other = 0;
-      for (std::size_t j = 0; j < now.size() && j < weights.size(); ++j) {
-        const unsigned long db = now[j].first - prev[j].first;
-        const unsigned long di = now[j].second - prev[j].second;
-        const unsigned long dt = now_total[j] - prev_total[j];
-        const unsigned long w = weights[j];
-        busy += db * w;
-        idle += di * w;
-        other += (dt - db - di) * w;
-      }
-      const double util =
-          1.0 - static_cast<double>(idle) / static_cast<double>(busy + idle + other);
-      cycle_stats.core_util[static_cast<std::size_t>(core)] = static_cast<float>(util);
-      float& max = cycle_stats.cluster_max_util[static_cast<std::size_t>(c)];
-      max = static_cast<float>(std::fmax(static_cast<double>(max), util));
-      cluster_busy[static_cast<std::size_t>(c)] += busy;
-      cluster_idle[static_cast<std::size_t>(c)] += idle;
-      cluster_other[static_cast<std::size_t>(c)] += other;
-    }
-    for (std::size_t c = 0; c < clusters.size(); ++c) {
-      // A ratio of the cluster's cycle sums, so that a core that ran faster weighs more.
-      cycle_stats.cluster_avg_util[c] = static_cast<float>(
-          1.0 - static_cast<double>(cluster_idle[c]) /
-                    static_cast<double>(cluster_busy[c] + cluster_idle[c] + cluster_other[c]));
-    }
+    cycle_utilisation(topology(), freq_table, busy_idle, prev_busy_idle, total_time,
+                      prev_total_time, cycle_stats, buffers);
   }
   prev_busy_idle = busy_idle;
   prev_total_time = total_time;
@@ -506,7 +236,7 @@ bool StatsPlugin::update_cpu_stats(
     CpuClusterSection& section = *cluster_sections[i];
     section.avg_util->set(published(stats.cluster_avg_util[i]));
     section.max_util->set(published(stats.cluster_max_util[i]));
-    if (auto khz = read_cur_freq(cur_freq_paths[i])) {
+    if (auto khz = read_cur_freq(cur_freq_paths[i], file_text)) {
       section.freq->set(static_cast<float>(static_cast<double>(*khz) / 1e6));
     } else {
       section.freq->set_null();
@@ -526,20 +256,14 @@ bool StatsPlugin::get_gpu_utilization(float& util) {
   if (g.has_accum) {
     const std::string text = file_reader->ReadFile(kGpuBusyAccum);
     if (!text.empty()) {
-      long long busy = 0;
-      long long total = 0;
-      std::sscanf(text.c_str(), "%lld %lld", &busy, &total);
-      // Differences wrap rather than overflow on counters that went backwards.
-      const auto db = static_cast<long long>(static_cast<unsigned long long>(busy) -
-                                             static_cast<unsigned long long>(g.prev_busy));
-      const auto dt = static_cast<long long>(static_cast<unsigned long long>(total) -
-                                             static_cast<unsigned long long>(g.prev_total));
-      g.prev_busy = busy;
-      g.prev_total = total;
-      const float r = static_cast<float>(static_cast<double>(db) / static_cast<double>(dt));
-      if (std::isnan(r)) return false;
-      util = r;
-      return true;
+      const GpuBusy now = parse_gpu_busy(text);
+      const GpuBusy moved = gpu_busy_since(now, {g.prev_busy, g.prev_total});
+      g.prev_busy = now.busy;
+      g.prev_total = now.total;
+      // A share that is not a number is this report's failure: it does not fall through.
+      const std::optional<float> share = gpu_busy_share(moved);
+      if (share) util = *share;
+      return share.has_value();
     }
   }
   if (!g.checked_busy) {
@@ -549,21 +273,15 @@ bool StatsPlugin::get_gpu_utilization(float& util) {
   if (!g.has_busy) return false;
   const std::string text = file_reader->ReadFile(kGpuBusy);
   if (text.empty()) return false;
-  long long busy = 0;
-  long long total = 0;
-  std::sscanf(text.c_str(), "%lld %lld", &busy, &total);
-  const float r = static_cast<float>(static_cast<double>(busy) / static_cast<double>(total));
-  if (std::isnan(r)) return false;
-  util = r;
-  return true;
+  const std::optional<float> share = gpu_busy_share(parse_gpu_busy(text));
+  if (share) util = *share;
+  return share.has_value();
 }
 
 bool StatsPlugin::get_gpu_freq(float& freq) {
   const std::string text = file_reader->ReadFile(kGpuClock);
   if (text.empty()) return false;
-  long mhz = 0;
-  std::sscanf(text.c_str(), "%ld", &mhz);
-  freq = static_cast<float>(mhz) / 1000.0f;
+  freq = gpu_clock_ghz(text);
   return true;
 }
 
@@ -608,7 +326,7 @@ bool StatsPlugin::init() {
   if (!get_gpu_freq(value)) warn("WARNING: stats: failed to read GPU freq");
   if (!get_charge_level(value)) warn("WARNING: stats: failed to read battery level");
   for (const std::string& path : cur_freq_paths) {
-    if (!read_cur_freq(path)) warn("WARNING: stats: failed to read CPU frequency");
+    if (!read_cur_freq(path, file_text)) warn("WARNING: stats: failed to read CPU frequency");
   }
   return true;
 }

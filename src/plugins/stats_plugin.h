@@ -2,30 +2,14 @@
 
 #include <cstdio>
 #include <memory>
-#include <optional>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "plugin.h"
+#include "plugins/stats_parsers.h"
 
 namespace emberline {
-
-// First word of `line`, split at the first blank (a tab is no separator); `line` keeps the rest,
-// starting at its first digit when it has one.
-std::string get_first_word(std::string& line);
-
-// Every number of `line`, which is consumed. A word that holds no number (or one past 64 bits)
-// is left out rather than read as 0, so that a stray word shows as a short row.
-std::vector<unsigned long> get_cpu_stat(std::string& line);
-
-// The same, into a vector the caller keeps, so that the output path does not allocate.
-void get_cpu_stat(std::string& line, std::vector<unsigned long>& numbers);
-
-// First and last core of one `affected_cpus` line. None for a line without two valid numbers in
-// ascending order, such as the empty line of a policy whose cores are all offline.
-std::optional<std::pair<int, int>> parse_affected_cpus(std::string line);
 
 enum CpuUtilComputeMethod { CPU_TIME = 0, CPU_CYCLES = 1 };
 
@@ -58,16 +42,7 @@ class StatsPlugin : public Plugin {
   bool init() override;
   bool on_output() override;
 
-  struct CpuStats {
-    CpuStats() = default;
-    CpuStats(unsigned int num_clusters, unsigned int num_cores)
-        : core_util(num_cores, 0.0f),
-          cluster_avg_util(num_clusters, 0.0f),
-          cluster_max_util(num_clusters, 0.0f) {}
-    std::vector<float> core_util;
-    std::vector<float> cluster_avg_util;
-    std::vector<float> cluster_max_util;
-  };
+  using CpuStats = emberline::CpuStats;
 
   static std::vector<std::pair<int, int>> get_affected_cpus(const std::string& dir);
 
@@ -82,9 +57,6 @@ class StatsPlugin : public Plugin {
   StatsPlugin(bool cycle_util, std::string cpufreq_dir);
 
   bool is_time_in_state_available();
-  // The frequency weights of cluster `c` from its time_in_state text at start-up, with the
-  // per-core tables sized to them. False for the kernel's plain two-column format.
-  bool add_frequency_weights(std::string_view text, int c, unsigned long tick_rate);
   void set_cluster_section(std::vector<std::shared_ptr<CpuClusterSection>>& cluster_sections,
                            std::vector<std::shared_ptr<PercentageValue<3>>>& core_values,
                            CpuUtilComputeMethod method);
@@ -96,13 +68,7 @@ class StatsPlugin : public Plugin {
   bool update_cpu_stats_by_cpu_cycles();
   bool update_busy_and_idle_time();
 
-  // The time-based pass over the text of /proc/stat, and one cluster's time_in_state rows: apart
-  // from the reading, so that they run on any text.
-  void account_proc_stat(std::string_view text);
-  bool read_time_in_state(std::string_view text, int cluster);
-
-  // Index of the first cluster holding `core`, or -1.
-  int cluster_of(int core) const;
+  CpuTopology topology() const { return {clusters, num_cores}; }
 
   bool (StatsPlugin::*update_fn)() = nullptr;
   int num_cores = 0;
@@ -136,9 +102,7 @@ class StatsPlugin : public Plugin {
 
   // Buffers the output path reuses, so that a report allocates nothing for the CPU figures.
   std::string file_text;
-  std::string line;
-  std::vector<unsigned long> row;
-  std::vector<unsigned long> cluster_busy, cluster_idle, cluster_other;
+  StatsBuffers buffers;
 
   // The readers' own state, made on their first call (the one from init) and kept for the run.
   struct GpuCounters {

@@ -1,11 +1,11 @@
-#include "platform/counter/counter.h"
-
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <thread>
 
-namespace emberline {
+#include "platform/counter/cntvct.h"
+
+namespace emberline::platform {
 namespace {
 
 TEST(Counter, MonotonicTimeInTicksRoundsDown) {
@@ -24,6 +24,15 @@ TEST(Counter, MonotonicTimeInTicksRoundsDown) {
   for (const auto& c : cases) {
     EXPECT_EQ(cntvct_from_timespec(c.time), c.ticks) << c.time.tv_sec << " s " << c.time.tv_nsec;
   }
+}
+
+TEST(Counter, TicksBecomeWholeMicrosecondsWithoutOverflow) {
+  // 19.2 ticks a microsecond; the last is the largest count, which no product may overflow.
+  // clang-format off
+  const std::uint64_t cases[][2] = {{0, 0}, {19, 0}, {20, 1}, {95, 4}, {96, 5},
+                                    {19'200'000, 1'000'000}, {~0ull, 960'767'920'505'705'813}};
+  // clang-format on
+  for (const auto& [ticks, us] : cases) EXPECT_EQ(cntvct_to_us(ticks), us) << ticks;
 }
 
 // Both counters must run forwards at their stated rate, measured against CLOCK_MONOTONIC. Each
@@ -64,4 +73,4 @@ TEST(Counter, RunsForwardAtItsStatedRate) {
 }
 
 }  // namespace
-}  // namespace emberline
+}  // namespace emberline::platform

@@ -1,5 +1,5 @@
-// The stats plugin in-process: its parsers on text, its topology and tree on a cpufreq directory
-// of our own, both utilisation methods on crafted counters, the GPU readers on a fake reader.
+// The stats plugin in-process: its parsers and both utilisation methods on text, its topology,
+// tree and cycle check on a cpufreq directory of our own, the GPU readers on a fake reader.
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <sstream>
 
 #include "plugins/stats_plugin.h"
@@ -37,15 +38,14 @@ struct CpufreqDir {
 // Opens up the plugin's steps and tables to the tests.
 struct Stats : StatsPlugin {
   Stats(bool cycle, const std::string& dir) : StatsPlugin(cycle, dir) {}
-  using StatsPlugin::account_proc_stat, StatsPlugin::clusters, StatsPlugin::cycle_stats,
-      StatsPlugin::cycle_util_available, StatsPlugin::freq_table, StatsPlugin::time_stats,
-      StatsPlugin::update_cpu_stats_by_cpu_cycles;
+  using StatsPlugin::clusters, StatsPlugin::cycle_stats, StatsPlugin::cycle_util_available,
+      StatsPlugin::freq_table, StatsPlugin::update_cpu_stats_by_cpu_cycles;
 };
 
 // Per-core, cluster average and cluster maximum figures, with a not-a-number read as kNan so
 // that they compare bit for bit.
 using Figures = std::vector<std::vector<float>>;
-Figures figures(const StatsPlugin::CpuStats& s) {
+Figures figures(const CpuStats& s) {
   Figures all{s.core_util, s.cluster_avg_util, s.cluster_max_util};
   for (auto& v : all)
     std::replace_if(
@@ -72,11 +72,11 @@ TEST(StatsParsers, WordsSplitAtBlanksAndNumbersLeaveOutWordsWithoutOne) {
     EXPECT_EQ(text, "");
   }
   using P = std::optional<std::pair<int, int>>;
-  for (auto [line, cluster] : std::vector<std::pair<std::string, P>>{
+  for (auto [text, cluster] : std::vector<std::pair<std::string, P>>{
            {"0 1 2 3\n", P({0, 3})}, {"4 5 7", P({4, 7})}, {"7\n", P({7, 7})},
-           {"0 1 2 3 \n", P({0, 3})}, {"", {}}, {"\n", {}}, {"3 1", {}}, {"x", {}}, {"-1 2", {}},
-           {"0 99999", {}}}) {
-    EXPECT_EQ(parse_affected_cpus(line), cluster) << line;
+           {"0 1 2 3 \r\n", P({0, 3})}, {"0 1\n2 3\n", P({0, 1})}, {"\n4 5\n", {}}, {"", {}},
+           {"3 1", {}}, {"x", {}}, {"-1 2", {}}, {"0 99999", {}}}) {
+    EXPECT_EQ(parse_affected_cpus(text), cluster) << text;
   }
   // clang-format on
 }
@@ -197,13 +197,61 @@ TEST(StatsTree, CycleCheckNeedsTheExtendedFormatOfEveryCluster) {
     dir.write("policy0/stats/time_in_state", "100000 15 1 1 7 3\n");
     ASSERT_TRUE(stats.update_cpu_stats_by_cpu_cycles());
     EXPECT_EQ(figures(stats.cycle_stats), c.figures) << c.second.value_or("none");
+    // A row that lost a column ends the report.
+    dir.write("policy0/stats/time_in_state", "100000 25 1 1 7\n");
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(stats.update_cpu_stats_by_cpu_cycles());
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Failed update busy and idle time\n");
   }
 }
 
+// The cycle method's steps on text, as the plugin takes them at each output: each cluster's
+// time_in_state at start-up (at a tick rate of 100), then one text per cluster at each pass.
+struct CycleMethod {
+  CycleMethod(std::vector<std::pair<int, int>> cluster_list, int num_cores,
+              const std::vector<std::string>& start)
+      : clusters(std::move(cluster_list)),
+        cpus{clusters, num_cores},
+        total_time(static_cast<std::size_t>(num_cores)),
+        busy_idle(static_cast<std::size_t>(num_cores)),
+        stats(static_cast<unsigned>(clusters.size()), static_cast<unsigned>(num_cores)) {
+    for (int c = 0; c < static_cast<int>(clusters.size()); ++c) {
+      EXPECT_TRUE(add_frequency_weights(start[static_cast<std::size_t>(c)], cpus, c, 100,
+                                        freq_table, busy_idle, total_time));
+    }
+  }
+  // None when a text does not parse.
+  std::optional<Figures> pass(const std::vector<std::string>& texts) {
+    for (int c = 0; c < static_cast<int>(clusters.size()); ++c) {
+      if (!parse_time_in_state(texts[static_cast<std::size_t>(c)], cpus, c, freq_table, busy_idle,
+                               total_time, buffers)) {
+        return std::nullopt;
+      }
+    }
+    stats.clear();
+    if (!prev_busy_idle.empty()) {
+      cycle_utilisation(cpus, freq_table, busy_idle, prev_busy_idle, total_time, prev_total_time,
+                        stats, buffers);
+    }
+    prev_busy_idle = busy_idle;
+    prev_total_time = total_time;
+    return figures(stats);
+  }
+
+  std::vector<std::pair<int, int>> clusters;
+  CpuTopology cpus;
+  CpuCounters freq_table, total_time, prev_total_time;
+  CpuBusyIdle busy_idle, prev_busy_idle;
+  CpuStats stats;
+  StatsBuffers buffers;
+};
+
 // Successive /proc/stat texts for cores 0-1 and 2-3, and what each pass gives.
 TEST(StatsTimeMethod, CoresAndClustersFollowTheTicksBetweenPasses) {
-  CpufreqDir dir({{"policy0/affected_cpus", "0 1\n"}, {"policy2/affected_cpus", "2 3\n"}});
-  Stats stats(false, dir.path);
+  const std::vector<std::pair<int, int>> clusters{{0, 1}, {2, 3}};
+  CpuCounters prev_rows;
+  CpuStats stats(2, 4);
+  StatsBuffers buffers;
   const float u0 = 1.0f - 80.0f / 100.0f, u3 = 1.0f - 10.0f / 22.0f;
   for (auto [text, expected] : std::vector<std::pair<std::string, Figures>>{
            // From zero: since boot. Core 2 is offline: 0, and its cluster still divides by two.
@@ -219,59 +267,79 @@ TEST(StatsTimeMethod, CoresAndClustersFollowTheTicksBetweenPasses) {
             {{kNan, 1.0f - 3.0f / 5.0f, 0.5f, u3},
              {kNan, ((0.0f + 0.5f) + u3) / 2.0f},
              {1.0f - 3.0f / 5.0f, u3}}}}) {
-    stats.account_proc_stat(text);
-    EXPECT_EQ(figures(stats.time_stats), expected) << text;
+    account_proc_stat(text, {clusters, 4}, prev_rows, stats, buffers);
+    EXPECT_EQ(figures(stats), expected) << text;
   }
+  // The summary row's numbers are kept behind the cores'.
+  EXPECT_EQ(prev_rows.back(), (Row{40, 0, 10, 130, 60, 0, 0, 0, 0, 0}));
 }
 
 TEST(StatsTimeMethod, ACoreInNoClusterReportsAloneAndOneBeyondIsPassedOver) {
   // Clusters 0 and 2 make two cores: core 1 lies in no cluster, core 2 outside the tables.
-  CpufreqDir dir({{"policy0/affected_cpus", "0\n"},
-                  {"policy2/affected_cpus", "2\n"},
-                  {"policy0/stats/time_in_state", "1000 10 0 0 5 5\n"},
-                  {"policy2/stats/time_in_state", "1000 10 0 0 5 5\n"}});
-  Stats stats(true, dir.path);
-  stats.account_proc_stat("cpu0 1 0 0 3 0 0 0 0 0 0\ncpu1 1 0 0 1 0 0 0 0 0 0\ncpu2 3 0 0 1\n");
-  EXPECT_EQ(figures(stats.time_stats), (Figures{{0.25f, 0.5f}, {0.25f, 0.0f}, {0.25f, 0.0f}}))
-      << "ticks";
-  ASSERT_TRUE(stats.update_cpu_stats_by_cpu_cycles());
-  dir.write("policy0/stats/time_in_state", "1000 20 0 0 10 10\n");
-  ASSERT_TRUE(stats.update_cpu_stats_by_cpu_cycles());
-  EXPECT_EQ(figures(stats.cycle_stats), (Figures{{0.5f, 0.0f}, {0.5f, kNan}, {0.5f, 0.0f}}))
+  const std::vector<std::pair<int, int>> clusters{{0, 0}, {2, 2}};
+  CpuCounters prev_rows;
+  CpuStats stats(2, 2);
+  StatsBuffers buffers;
+  account_proc_stat("cpu0 1 0 0 3 0 0 0 0 0 0\ncpu1 1 0 0 1 0 0 0 0 0 0\ncpu2 3 0 0 1\n",
+                    {clusters, 2}, prev_rows, stats, buffers);
+  EXPECT_EQ(figures(stats), (Figures{{0.25f, 0.5f}, {0.25f, 0.0f}, {0.25f, 0.0f}})) << "ticks";
+  CycleMethod cycles(clusters, 2, {"1000 10 0 0 5 5\n", "1000 10 0 0 5 5\n"});
+  ASSERT_TRUE(cycles.pass({"1000 10 0 0 5 5\n", "1000 10 0 0 5 5\n"}));
+  EXPECT_EQ(cycles.pass({"1000 20 0 0 10 10\n", "1000 10 0 0 5 5\n"}),
+            (Figures{{0.5f, 0.0f}, {0.5f, kNan}, {0.5f, 0.0f}}))
       << "cycles";
 }
 
 // One cluster of two cores, frequency rows weighing 10 and 20, and the text of each pass.
 TEST(StatsCycleMethod, WeighsEachRowByItsFrequencyAndAveragesClusterSums) {
-  const std::string tis = "policy0/stats/time_in_state";
-  CpufreqDir dir({{"policy0/affected_cpus", "0 1\n"},
-                  {tis, "1000 100 0 0 50 50 50 50\n2000 100 0 0 50 50 50 50\n"}});
-  Stats stats(true, dir.path);
+  CycleMethod cycles({{0, 1}}, 2, {"1000 100 0 0 50 50 50 50\n2000 100 0 0 50 50 50 50\n"});
+  EXPECT_EQ(cycles.freq_table, (std::vector<Row>{{10, 20}}));
   const auto f = [](double d) { return static_cast<float>(d); };
-  for (auto [text, expected] : std::vector<std::pair<std::string, Figures>>{
+  for (auto [text, expected] : std::vector<std::pair<std::string, std::optional<Figures>>>{
            // The first pass takes the counters: all zero.
-           {"1000 100 0 0 50 50 50 50\n2000 100 0 0 50 50 50 50\n", {{0, 0}, {0}, {0}}},
+           {"1000 100 0 0 50 50 50 50\n2000 100 0 0 50 50 50 50\n", Figures{{0, 0}, {0}, {0}}},
            // Core 0: busy 5*10 + 1*20, idle 5*10 + 9*20. Core 1: 3 busy and 3 idle of 10 in the
            // first row leave 4 * 10 as other, which counts as used. The cluster: 1 - 360 / 600.
            {"1000 110 0 0 55 55 53 53\n2000 110 0 0 51 59 55 55\n",
-            {{f(1.0 - 230.0 / 300.0), f(1.0 - 130.0 / 300.0)},
-             {f(1.0 - 360.0 / 600.0)},
-             {f(1.0 - 130.0 / 300.0)}}},
+            Figures{{f(1.0 - 230.0 / 300.0), f(1.0 - 130.0 / 300.0)},
+                    {f(1.0 - 360.0 / 600.0)},
+                    {f(1.0 - 130.0 / 300.0)}}},
            // Total time moved, idle did not: 1.0, whatever busy did.
-           {"1000 120 0 0 60 55 53 53\n2000 110 0 0 51 59 55 55\n", {{1, 1}, {1}, {1}}},
+           {"1000 120 0 0 60 55 53 53\n2000 110 0 0 51 59 55 55\n", Figures{{1, 1}, {1}, {1}}},
            // Nothing moved: not a number, which the maximum passes over.
-           {"1000 120 0 0 60 55 53 53\n2000 110 0 0 51 59 55 55\n", {{kNan, kNan}, {kNan}, {0}}},
+           {"1000 120 0 0 60 55 53 53\n2000 110 0 0 51 59 55 55\n",
+            Figures{{kNan, kNan}, {kNan}, {0}}},
            // A row gained since start-up has no weight and is passed over.
            {"1000 130 0 0 60 65 53 53\n2000 110 0 0 51 59 55 55\n3000 1 0 0 1 1 1 1\n",
-            {{0, 1}, {f(1.0 - 100.0 / 200.0)}, {1}}}}) {
-    dir.write(tis, text);
-    ASSERT_TRUE(stats.update_cpu_stats_by_cpu_cycles());
-    EXPECT_EQ(figures(stats.cycle_stats), expected) << text;
+            Figures{{0, 1}, {f(1.0 - 100.0 / 200.0)}, {1}}},
+           // A row short of a core's columns, in any row, fails the reading.
+           {"1000 140 0 0 60 65 53\n2000 110 0 0 51 59 55 55\n", std::nullopt},
+           {"1000 140 0 0 60 65 53 53\n2000 110 0 0 51 59 55 55 1\n", std::nullopt}}) {
+    EXPECT_EQ(cycles.pass({text}), expected) << text;
   }
-  dir.write(tis, "1000 140 0 0 60 65 53\n2000 110 0 0 51 59 55 55\n");
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(stats.update_cpu_stats_by_cpu_cycles());
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Failed update busy and idle time\n");
+}
+
+TEST(StatsCycleMethod, StartUpWeighsEachRowAndRefusesThePlainFormat) {
+  // Text at start-up, and the weights it gives at a tick rate of 100; none for no cycle method.
+  for (auto [text, weights] : std::vector<std::pair<std::string, std::optional<Row>>>{
+           {"300000 5 1 1 2 3\n250 5 1 1 2 3\n99 5 1 1 2 3", Row{3000, 2, 0}},
+           {"", Row{}},
+           {"300000 5\n", std::nullopt},
+           {"300000 5 1 1 2 3\n\n", std::nullopt},
+           {"300000 5 1 1 2 3\n400000 5\n", std::nullopt}}) {
+    const std::vector<std::pair<int, int>> clusters{{0, 1}};
+    CpuCounters freq_table, total_time(2);
+    CpuBusyIdle busy_idle(2);
+    const bool extended =
+        add_frequency_weights(text, {clusters, 2}, 0, 100, freq_table, busy_idle, total_time);
+    ASSERT_EQ(extended, weights.has_value()) << text;
+    if (!extended) continue;
+    EXPECT_EQ(freq_table, std::vector<Row>{*weights}) << text;
+    for (std::size_t core : {0, 1}) {
+      EXPECT_EQ(busy_idle[core].size(), weights->size()) << text;
+      EXPECT_EQ(total_time[core].size(), weights->size()) << text;
+    }
+  }
 }
 
 // Files by path; a missing path does not exist.

@@ -1,6 +1,6 @@
-#include "platform/counter/counter.h"
+#include "platform/counter/cntvct.h"
 
-namespace emberline {
+namespace emberline::platform {
 
 std::uint64_t monotonic_cntvct() {
   std::timespec now{};
@@ -8,4 +8,4 @@ std::uint64_t monotonic_cntvct() {
   return cntvct_from_timespec(now);
 }
 
-}  // namespace emberline
+}  // namespace emberline::platform

@@ -1,6 +1,6 @@
-#include "platform/counter/counter.h"
+#include "platform/counter/cntvct.h"
 
-namespace emberline {
+namespace emberline::platform {
 
 std::uint64_t read_cntvct() {
   std::uint64_t ticks;
@@ -16,4 +16,4 @@ std::uint64_t read_cntfrq() {
   return frequency;
 }
 
-}  // namespace emberline
+}  // namespace emberline::platform

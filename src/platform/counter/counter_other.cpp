@@ -1,6 +1,6 @@
-#include "platform/counter/counter.h"
+#include "platform/counter/cntvct.h"
 
-namespace emberline {
+namespace emberline::platform {
 
 std::uint64_t read_cntvct() {
   return monotonic_cntvct();
@@ -10,4 +10,4 @@ std::uint64_t read_cntfrq() {
   return kCntvctFrequency;
 }
 
-}  // namespace emberline
+}  // namespace emberline::platform

@@ -70,4 +70,21 @@ class NodeStream : public std::istream {
   NodeBuf buf_;
 };
 
+// Calls `each` with every line of `in`, without its line end.
+template <typename Each>
+void for_each_line(std::istream& in, Each&& each) {
+  for (std::string line; std::getline(in, line);) each(line);
+}
+
+// Opens `path` anew in `stream`, which drops the node it held, and calls `each` with every line
+// of it: a node whose content the driver rewrites between reads. A node that does not open gives
+// no line.
+template <typename Each>
+void reread_lines(NodeStream& stream, const std::string& path, Each&& each) {
+  stream.close();
+  stream.clear();
+  stream.open(path);
+  for_each_line(stream, each);
+}
+
 }  // namespace emberline::os

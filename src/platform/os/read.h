@@ -1,8 +1,9 @@
 #pragma once
 
-// One way to read a node whole, and one way to walk text by lines, for every reader whose node
-// may be read however suits it. The buffer is the caller's and is reused, so that a node read at
-// every tick allocates nothing once the buffer has grown to its size.
+// One way to read a node whole, one way to walk text by lines and one way to cut its trailing
+// white space, for every reader whose node may be read however suits it. The buffer is the caller's
+// and is reused, so that a node read at every tick allocates nothing once the buffer has grown to
+// its size.
 
 #include <cstddef>
 #include <string>
@@ -23,6 +24,12 @@ enum class NodeRead {
 NodeRead read_node(const char* path, std::string& text, std::size_t limit);
 inline NodeRead read_node(const std::string& path, std::string& text, std::size_t limit) {
   return read_node(path.c_str(), text, limit);
+}
+
+// `text` without its trailing white space: blanks, tabs, line feeds and carriage returns.
+inline std::string_view trim_end(std::string_view text) {
+  const std::size_t end = text.find_last_not_of(" \t\n\r");
+  return text.substr(0, end == std::string_view::npos ? 0 : end + 1);
 }
 
 // Calls `each` with every line of `text`, without its line end; a last line without one counts,

@@ -12,7 +12,7 @@
 #include <charconv>
 #include <utility>
 
-#include "platform/os/node.h"
+#include "platform/os/read.h"
 
 namespace android::hardware::thermal::V2_0::implementation {
 
@@ -21,24 +21,12 @@ namespace {
 // Sysfs values are short; anything longer than this is not a number we want.
 constexpr std::size_t kMaxNodeBytes = 128;
 
-std::string_view trim_end(std::string_view text) {
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\n' ||
-                           text.back() == '\r')) {
-    text.remove_suffix(1);
-  }
-  return text;
-}
-
-// The whole of a small node into `buffer`; false when it cannot be opened or read.
-bool read_node(const std::string& path, std::string& buffer) {
-  int fd = emberline::os::open_node(path);
-  if (fd < 0) return false;
-  buffer.resize(kMaxNodeBytes);
-  ssize_t got = ::read(fd, buffer.data(), buffer.size());
-  ::close(fd);
-  if (got < 0) return false;
-  buffer.resize(static_cast<std::size_t>(got));
-  return true;
+// A small node whole into `buffer`. A read that fails at once fails; one that fails after some
+// text, or a node past the limit, gives what came.
+bool read_small_node(const std::string& path, std::string& buffer) {
+  const auto read = emberline::os::read_node(path, buffer, kMaxNodeBytes);
+  return read != emberline::os::NodeRead::kUnopened &&
+         (read != emberline::os::NodeRead::kFailed || !buffer.empty());
 }
 
 bool matches(bool filter_type, TemperatureType wanted, TemperatureType type) {
@@ -67,7 +55,7 @@ ThrottlingSeverity severity_at(long millidegrees, const std::vector<long>& trip_
 }
 
 std::optional<long> parse_integer(std::string_view text) {
-  text = trim_end(text);
+  text = emberline::os::trim_end(text);
   if (text.empty()) return std::nullopt;
   long value = 0;
   auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -136,13 +124,14 @@ bool DefaultThermal::read_zones(hidl_vec<Temperature>& out) const {
   for (unsigned n : zones) {
     const std::string zone = root_ + "/thermal_zone" + std::to_string(n) + "/";
     // A zone whose sensor cannot be read right now is left out, as the kernel's own tools do.
-    if (!read_node(zone + "type", text)) continue;
-    std::string name(trim_end(text));
-    if (!read_node(zone + "temp", text)) continue;
+    if (!read_small_node(zone + "type", text)) continue;
+    std::string name(emberline::os::trim_end(text));
+    if (!read_small_node(zone + "temp", text)) continue;
     auto millidegrees = parse_integer(text);
     if (!millidegrees) continue;
     trips.clear();
-    for (int k = 0; read_node(zone + "trip_point_" + std::to_string(k) + "_temp", text); ++k) {
+    for (int k = 0; read_small_node(zone + "trip_point_" + std::to_string(k) + "_temp", text);
+         ++k) {
       if (auto trip = parse_integer(text)) trips.push_back(*trip);
     }
     Temperature& t = out.emplace_back();

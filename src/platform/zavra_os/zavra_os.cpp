@@ -14,18 +14,13 @@ namespace Zavra::OS {
 
 std::string findProperty(std::string_view build_prop, std::string_view key) {
   std::string found;
-  std::size_t start = 0;
-  while (start < build_prop.size()) {
-    std::size_t end = build_prop.find('\n', start);
-    if (end == std::string_view::npos) end = build_prop.size();
-    std::string_view line = build_prop.substr(start, end - start);
+  emberline::os::for_each_line(build_prop, [&](std::string_view line) {
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    std::size_t equals = line.find('=');
+    const std::size_t equals = line.find('=');
     if (equals != std::string_view::npos && line.substr(0, equals) == key) {
       found = std::string(line.substr(equals + 1));
     }
-    start = end + 1;
-  }
+  });
   return found;
 }
 
