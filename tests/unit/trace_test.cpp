@@ -121,4 +121,31 @@ TEST_F(TraceTest, SessionsReportUnlessQuietAndEachRecordsAWholeTrace) {
   signal(SIGXFSZ, previous);
 }
 
+// The one way the plugins emit a counter: a float widened exactly, an unsigned integer as itself
+// (never wrapped negative), and nothing while no session records.
+TEST_F(TraceTest, CountersKeepTheirValuesType) {
+  const CounterTrack track("DDR frequency");
+  const float fraction = 0.1f;
+  const unsigned int top = 4294967295u, zero = 0;
+  emit_counter(track, fraction);  // no session yet
+  ASSERT_TRUE(start_session(path(), true));
+  emit_counter(track, fraction);
+  emit_counter(track, top);
+  emit_counter(track, zero);
+  stop_session();
+  emit_counter(track, top);
+
+  std::vector<std::string> values;
+  for (const Message& packet : read_trace(path())) {
+    if (auto event = packet.message(kTrackEvent)) {
+      EXPECT_EQ(event->varint(kTrackUuid), track.uuid);
+      auto integer = event->int64(kIntValue);
+      values.push_back(integer ? std::to_string(*integer)
+                               : std::to_string(event->fixed_double(kDoubleValue).value_or(-1) ==
+                                                static_cast<double>(fraction)));
+    }
+  }
+  EXPECT_EQ(values, (std::vector<std::string>{"1", "4294967295", "0"}));
+}
+
 }  // namespace

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <type_traits>
 
 namespace perfetto {
 
@@ -145,6 +146,22 @@ inline constexpr std::size_t kCategoryIndex = 9;
 inline bool category_enabled() {
   return perfetto::internal::kCategoryRegistry.GetCategoryState(kCategoryIndex)
              ->load(std::memory_order_relaxed) != 0;
+}
+
+// One counter event on `track`, stamped with the trace time just before it is written: a float
+// goes out widened to a double, an integer as an integer. The value is taken by reference so
+// that a disabled category costs the load of its byte and nothing else, neither the load of the
+// value nor the reading of the clock.
+template <typename T>
+requires std::is_arithmetic_v<T>
+inline void emit_counter(const perfetto::CounterTrack& track, const T& value) {
+  if (!category_enabled()) return;
+  const std::uint64_t now = perfetto::internal::TrackEventInternal::GetTraceTime();
+  if constexpr (std::is_floating_point_v<T>) {
+    perfetto::TrackEvent::Counter(track, now, static_cast<double>(value));
+  } else {
+    perfetto::TrackEvent::Counter(track, now, value);
+  }
 }
 
 // The in-process session that stands in for the device's tracing service. Starting it opens
