@@ -11,6 +11,8 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/trace/perfetto.h"
+
 namespace emberline::crash_restore {
 
 namespace {
@@ -50,15 +52,28 @@ void close_all_but(const int* keep, int count) {
   }
 }
 
+// A SIGKILL may cut the run's last trace write short inside a packet. The guard holds the trace
+// file open from its start and, once the run has ended, cuts it back to the packets written
+// whole, so that it still reads as a trace.
+struct TraceFileMend {
+  trace::SessionFile file = trace::session_file();
+  void keep_open(int* keep, int& count) const {
+    if (file.fd >= 0) keep[count++] = file.fd;
+  }
+  void after_run() const { trace::cut_to_flushed_packets(file); }
+};
+
 [[noreturn]] void run_guard(int wait_fd) {
   // Terminal signals reach the whole process group; the guard leaves it and ignores them, so that
   // a CTRL-C that ends the run cleanly cannot take the guard with it.
   ::setsid();
   for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGQUIT, SIGTSTP})
     std::signal(signal, SIG_IGN);
-  int keep[kEntries + 1];
+  int keep[kEntries + 2];
   int count = 0;
   keep[count++] = wait_fd;
+  const TraceFileMend trace_file;
+  trace_file.keep_open(keep, count);
   for (Entry& e : entries) {
     int fd = e.fd.load(std::memory_order_relaxed);
     if (fd >= 0) keep[count++] = fd;
@@ -72,12 +87,16 @@ void close_all_but(const int* keep, int count) {
   do {
     got = ::read(wait_fd, &said, 1);
   } while (got < 0 && errno == EINTR);
-  if (got != 1 || said != kDismissed) write_back_all();
+  if (got != 1 || said != kDismissed) {
+    write_back_all();
+    trace_file.after_run();
+  }
   ::_exit(0);
 }
 
 void on_fatal_signal(int signal) {
   write_back_all();
+  trace::flush_from_signal_handler();
   tell_guard_dismissed();
   // SA_RESETHAND has put back the default action, so this ends the process as the signal would
   // have: with a core dump where the system keeps one, and the signal's exit status.

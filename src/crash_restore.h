@@ -19,15 +19,17 @@ void forget(int handle);
 // Writes every remembered entry; safe inside a signal handler.
 void write_back_all();
 
-// SIGSEGV, SIGBUS, SIGABRT, SIGFPE and SIGILL write every remembered entry, then take their
-// default action (core dump, exit status) as if nothing had caught them.
+// SIGSEGV, SIGBUS, SIGABRT, SIGFPE and SIGILL write every remembered entry and the gathered
+// trace packets, then take their default action (core dump, exit status) as if nothing had caught
+// them.
 void install_fatal_signal_handlers();
 
 // SIGKILL, the OOM killer and a watchdog run no handler at all. The exit guard is a small child
 // process, holding the remembered descriptors, that outlives this one: unless dismissed first,
-// it writes every entry it was given when this process ends. It sees the entries remembered
-// before it started, so whoever remembers one starts it again: the new guard replaces the old
-// one. It prints nothing.
+// it writes every entry it was given when this process ends, and cuts the trace file back to
+// its whole packets. It sees the entries remembered and the trace session started before it
+// started, so whoever remembers one or starts a session starts it again: the new guard replaces
+// the old one. It prints nothing.
 void start_exit_guard();
 // Tells the guard that every node has been given back; it ends without writing.
 void dismiss_exit_guard();

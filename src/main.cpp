@@ -83,8 +83,9 @@ int main(int argc, char** argv) {
       engine.print_schema();
     } else {
       // On a headset the tracing service runs the session; here the run carries its own.
-      if (settings.perfetto || settings.dsp_trace) {
-        emberline::trace::start_session(emberline::default_trace_path(), settings.quiet);
+      if ((settings.perfetto || settings.dsp_trace) &&
+          emberline::trace::start_session(emberline::default_trace_path(), settings.quiet)) {
+        emberline::crash_restore::start_exit_guard();
       }
       exit_code = engine.run(settings.time_s, settings.sample_period_ms, settings.output_period_ms);
     }
