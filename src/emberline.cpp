@@ -360,7 +360,8 @@ int Emberline::run(unsigned int time, unsigned int sample, unsigned int output) 
       output_left = output;
     }
 
-    // Whatever the plugins and the DSP worker traced this cycle reaches the file before the wait.
+    // On a headset the tracing service collects packets by itself. The run's own session stands in
+    // for it and writes what this cycle traced, the DSP worker's slices included, before the wait.
     trace::flush();
 
     const std::uint32_t step = std::min(sample_left, output_left);
