@@ -209,8 +209,9 @@ TEST(DspTrace, TheTraceIsWholeOnEveryWayOut) {
       feed_two_blocks();
     };
     auto result = e2e::run(c.args, options);
-    EXPECT_EQ(result.signal, c.signal == SIGSEGV || c.signal == SIGKILL ? c.signal : 0)
-        << result.err;
+    const bool killed = c.signal == SIGSEGV || c.signal == SIGKILL;
+    EXPECT_EQ(result.signal, killed ? c.signal : 0) << result.err;
+    EXPECT_EQ(result.exit_code, killed ? -1 : 0) << result.err;
     const std::string path = e2e::only_file(".perfetto-trace");
     ASSERT_TRUE(eventually([&] { return events_in(path).has_value(); }));
     const Events events = *events_in(path);
