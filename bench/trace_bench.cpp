@@ -46,9 +46,7 @@ void BM_Counter(benchmark::State& state) {
   float value = 1.5f;
   for (auto _ : state) {
     benchmark::DoNotOptimize(value);
-    if (!emberline::trace::category_enabled()) continue;
-    TrackEvent::Counter(track, perfetto::internal::TrackEventInternal::GetTraceTime(),
-                        static_cast<double>(value));
+    emberline::trace::emit_counter(track, value);
   }
   finish(path);
 }

@@ -7,6 +7,7 @@ packages=(
   libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev
   android-liblog-dev android-libbase-dev libselinux1-dev
   bubblewrap
+  protobuf-compiler
   python3-matplotlib python3-numpy
   sysstat
   clang libclang-rt-14-dev

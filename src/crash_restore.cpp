@@ -12,12 +12,13 @@
 #include <utility>
 
 #include "platform/os/node.h"
+#include "platform/trace/perfetto.h"
 
 namespace emberline::crash_restore {
 
 namespace {
 
-enum Kind { kWriteBack, kRemoval };
+enum Kind { kWriteBack, kRemoval, kTraceMend };
 
 struct Entry {
   // -1 while free. Published last, so a handler never sees a descriptor without its bytes.
@@ -28,8 +29,10 @@ struct Entry {
   const char* path = nullptr;
 };
 
-// A removal has no descriptor of its own; this marks its entry as taken.
+// A removal has no descriptor of its own; this marks its entry as taken. A trace session's entry
+// has none either: the guard takes the session's file when it starts.
 constexpr int kNoDescriptor = -2;
+constexpr int kTraceSession = -3;
 constexpr int kEntries = 32;
 Entry entries[kEntries];
 
@@ -38,9 +41,13 @@ std::atomic<int> guard_fd{-1};
 pid_t guard_pid = -1;
 constexpr char kDismissed = 'D';
 
-int nodes_held() {
+// Entries the exit guard acts on: nodes to write back, and a trace file to mend.
+int guarded() {
   int count = 0;
-  for (const Entry& e : entries) count += e.fd.load(std::memory_order_acquire) >= 0;
+  for (const Entry& e : entries) {
+    const int fd = e.fd.load(std::memory_order_acquire);
+    count += fd >= 0 || fd == kTraceSession;
+  }
   return count;
 }
 
@@ -78,15 +85,28 @@ void write_back_nodes() {
   }
 }
 
+// A SIGKILL may cut the run's last trace write short inside a packet. The guard holds the trace
+// file open from its start and, once the run has ended, cuts it back to the packets written
+// whole, so that it still reads as a trace.
+struct TraceFileMend {
+  trace::SessionFile file = trace::session_file();
+  void keep_open(int* keep, int& count) const {
+    if (file.fd >= 0) keep[count++] = file.fd;
+  }
+  void after_run() const { trace::cut_to_flushed_packets(file); }
+};
+
 [[noreturn]] void run_guard(int wait_fd) {
   // Terminal signals reach the whole process group; the guard leaves it and ignores them, so that
   // a CTRL-C that ends the run cleanly cannot take the guard with it.
   ::setsid();
   for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGQUIT, SIGTSTP})
     std::signal(signal, SIG_IGN);
-  int keep[kEntries + 1];
+  int keep[kEntries + 2];
   int count = 0;
   keep[count++] = wait_fd;
+  const TraceFileMend trace_file;
+  trace_file.keep_open(keep, count);
   for (Entry& e : entries) {
     int fd = e.fd.load(std::memory_order_relaxed);
     if (fd >= 0) keep[count++] = fd;
@@ -100,12 +120,15 @@ void write_back_nodes() {
   do {
     got = ::read(wait_fd, &said, 1);
   } while (got < 0 && errno == EINTR);
-  if (got != 1 || said != kDismissed) write_back_nodes();
+  if (got != 1 || said != kDismissed) {
+    write_back_nodes();
+    trace_file.after_run();
+  }
   ::_exit(0);
 }
 
-// A guard that holds every node held now, in place before the one it replaces goes, so that no
-// moment is left unguarded.
+// A guard that holds every node held now and the trace session's file, in place before the one it
+// replaces goes, so that no moment is left unguarded.
 void restart_guard() {
   int pipe_fds[2];
   if (::pipe2(pipe_fds, O_CLOEXEC) != 0) return;
@@ -141,6 +164,7 @@ int take_entry(int fd, Kind kind, std::string_view bytes, const char* path) {
 
 void on_fatal_signal(int signal) {
   give_back_all();
+  trace::flush_from_signal_handler();
   tell_guard_dismissed();
   // SA_RESETHAND has put back the default action, so this ends the process as the signal would
   // have: with a core dump where the system keeps one, and the signal's exit status.
@@ -174,6 +198,12 @@ Restore Restore::removal(const char* path) {
   return Restore(take_entry(kNoDescriptor, kRemoval, {}, path));
 }
 
+Restore Restore::trace_session() {
+  const int slot = take_entry(kTraceSession, kTraceMend, {}, nullptr);
+  if (slot >= 0) restart_guard();
+  return Restore(slot);
+}
+
 Restore::Restore(Restore&& other) noexcept : slot_(std::exchange(other.slot_, -1)) {}
 
 Restore& Restore::operator=(Restore&& other) noexcept {
@@ -192,10 +222,10 @@ void Restore::release() {
   if (slot_ < 0) return;
   Entry& e = entries[std::exchange(slot_, -1)];
   const int fd = e.fd.exchange(-1, std::memory_order_acq_rel);
-  if (fd < 0) return;
-  ::close(fd);
-  // The guard holds the nodes still held, or none at all.
-  if (nodes_held() == 0) {
+  if (fd == kNoDescriptor) return;
+  if (fd >= 0) ::close(fd);
+  // The guard holds what is still guarded, or nothing at all.
+  if (guarded() == 0) {
     dismiss_guard();
   } else {
     restart_guard();

@@ -2,20 +2,23 @@
 
 // What a run changes outside itself must be given back on every way out, even when the process
 // dies of a fatal signal or is killed outright. A `Restore` stands for one such change: a node's
-// old content to write back, or a path to remove. It is made before the change and lives as long
+// old content to write back, a path to remove, or the trace session's file, which must end at a
+// whole packet. It is made before the change and lives as long
 // as the change stands; its owner gives the change back on the normal way out, with the messages
 // its own code prints, and lets the `Restore` go.
 //
 // While any `Restore` lives:
 // - a fatal signal (SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL), once install_fatal_signal_handlers
 //   has run, gives every change back from the dying process, with async-signal-safe calls only,
-//   then takes the signal's default action (core dump, exit status);
+//   writes the trace packets gathered so far, then takes the signal's default action (core dump,
+//   exit status);
 // - SIGKILL, the OOM killer or a watchdog run no handler at all, so an exit guard, a small child
-//   process holding the nodes' descriptors, outlives this one and writes the nodes back when it
-//   ends. It prints nothing. A path to remove is left to the next run, which finds it in place.
-// The guard follows the `Restore`s by itself: it starts with the first node, is replaced by one
-// that holds every node when another is added, and goes without writing when the last one is let
-// go.
+//   process holding the nodes' descriptors and the trace file, outlives this one, writes the
+//   nodes back and cuts the trace back to its last whole packet when it ends. It prints nothing.
+//   A path to remove is left to the next run, which finds it in place.
+// The guard follows the `Restore`s by itself: it starts with the first node or trace session, is
+// replaced by one that holds everything when another is added, and goes without writing when the
+// last one is let go.
 
 #include <cstddef>
 #include <string>
@@ -37,6 +40,8 @@ class Restore {
   static Restore write_back(const std::string& path, std::string_view bytes);
   // `path` (a static string) unlinked by a fatal signal's handler.
   static Restore removal(const char* path);
+  // The trace session started now: its file is mended by the guard after a SIGKILL.
+  static Restore trace_session();
 
   Restore(Restore&& other) noexcept;
   Restore& operator=(Restore&& other) noexcept;

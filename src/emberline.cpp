@@ -12,6 +12,7 @@
 
 #include "crash_restore.h"
 #include "platform/os/node.h"
+#include "platform/trace/perfetto.h"
 #include "plugins/charge_plugin.h"
 #include "plugins/cpu_credits_plugin.h"
 #include "plugins/dsp_trace_plugin.h"
@@ -351,6 +352,10 @@ int Emberline::run(unsigned int time, unsigned int sample, unsigned int output) 
       output_time_ms->set(static_cast<unsigned long>(ms(clock->now_us() - before)));
       output_left = output;
     }
+
+    // On a headset the tracing service collects packets by itself. The run's own session stands in
+    // for it and writes what this cycle traced, the DSP worker's slices included, before the wait.
+    trace::flush();
 
     const std::uint32_t step = std::min(sample_left, output_left);
     if (limit_ms != 0 && elapsed_ms > limit_ms) return 0;

@@ -36,6 +36,8 @@ int main(int argc, char** argv) {
   }
 
   int exit_code = 0;
+  // Outlives the engine: the session ends after every plugin, the DSP worker included.
+  emberline::crash_restore::Restore trace_mend;
   {
     emberline::Emberline engine(settings.perfetto);
     engine.set_continue_charging(settings.continue_charging);
@@ -55,12 +57,14 @@ int main(int argc, char** argv) {
       engine.print_schema();
     } else {
       // On a headset the tracing service runs the session; here the run carries its own.
-      if (settings.perfetto || settings.dsp_trace) {
-        emberline::trace::start_session(emberline::default_trace_path(), settings.quiet);
+      if ((settings.perfetto || settings.dsp_trace) &&
+          emberline::trace::start_session(emberline::default_trace_path(), settings.quiet)) {
+        trace_mend = emberline::crash_restore::Restore::trace_session();
       }
       exit_code = engine.run(settings.time_s, settings.sample_period_ms, settings.output_period_ms);
     }
   }
   emberline::trace::stop_session();
+  trace_mend = {};
   return exit_code;
 }

@@ -61,13 +61,6 @@ const perfetto::CounterTrack& frequency_track() {
   static const perfetto::CounterTrack track("DSP Freq");
   return track;
 }
-
-// The enabled byte is loaded before anything else, so a disabled trace point costs one load.
-void emit(const perfetto::CounterTrack& track, const float& value) {
-  if (!trace::category_enabled()) return;
-  perfetto::TrackEvent::Counter(track, perfetto::internal::TrackEventInternal::GetTraceTime(),
-                                static_cast<double>(value));
-}
 }  // namespace
 
 LogcatDspPlugin::LogcatDspPlugin() : WindowedPlugin(kCommandPrefix) {
@@ -130,12 +123,12 @@ bool LogcatDspPlugin::on_output() {
 }
 
 bool LogcatDspPlugin::on_emit_to_perfetto() {
-  emit(track(kOverall), util_avg->value);
-  emit(track(kScalar), scalar_avg->value);
-  emit(track(kHvx), hvx_avg->value);
-  emit(track(kHmx), hmx_avg->value);
-  emit(track(kUdma), udma_avg->value);
-  emit(frequency_track(), freq_avg->value);
+  trace::emit_counter(track(kOverall), util_avg->value);
+  trace::emit_counter(track(kScalar), scalar_avg->value);
+  trace::emit_counter(track(kHvx), hvx_avg->value);
+  trace::emit_counter(track(kHmx), hmx_avg->value);
+  trace::emit_counter(track(kUdma), udma_avg->value);
+  trace::emit_counter(frequency_track(), freq_avg->value);
   return true;
 }
 

@@ -17,14 +17,6 @@ const perfetto::CounterTrack& track(Counter counter) {
       perfetto::CounterTrack("Voltage"), perfetto::CounterTrack("Smoothed Power")};
   return tracks[counter];
 }
-
-// The enabled byte is loaded before anything else, so a disabled trace point costs one load.
-void emit(Counter counter, const float& value) {
-  if (!trace::category_enabled()) return;
-  perfetto::TrackEvent::Counter(track(counter),
-                                perfetto::internal::TrackEventInternal::GetTraceTime(),
-                                static_cast<double>(value));
-}
 }  // namespace
 
 PowerPlugin::PowerPlugin(PowerPath path, bool usb_current_now) : sampler(path, usb_current_now) {
@@ -55,10 +47,10 @@ bool PowerPlugin::on_output() {
 }
 
 bool PowerPlugin::on_emit_to_perfetto() {
-  emit(kWatts, raw->value);
-  emit(kCurrent, current->value);
-  emit(kVoltage, voltage->value);
-  if (smooth) emit(kSmoothed, smooth->value);
+  trace::emit_counter(track(kWatts), raw->value);
+  trace::emit_counter(track(kCurrent), current->value);
+  trace::emit_counter(track(kVoltage), voltage->value);
+  if (smooth) trace::emit_counter(track(kSmoothed), smooth->value);
   return true;
 }
 

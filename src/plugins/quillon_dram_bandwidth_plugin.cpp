@@ -49,21 +49,6 @@ const perfetto::CounterTrack& track(Counter counter) {
   return tracks[counter];
 }
 
-// The enabled byte comes first, ahead of the load of the number and the clock.
-void emit(Counter counter, const Value<unsigned int>& value) {
-  if (!trace::category_enabled()) return;
-  perfetto::TrackEvent::Counter(track(counter),
-                                perfetto::internal::TrackEventInternal::GetTraceTime(),
-                                static_cast<std::int64_t>(value.value));
-}
-
-void emit(Counter counter, const Value<float>& value) {
-  if (!trace::category_enabled()) return;
-  perfetto::TrackEvent::Counter(track(counter),
-                                perfetto::internal::TrackEventInternal::GetTraceTime(),
-                                static_cast<double>(value.value));
-}
-
 void write_failed(const std::string& text, const std::string& path) {
   std::cerr << "Failed to write value " << text << " to '" << path << "'" << std::endl;
 }
@@ -250,17 +235,17 @@ bool QuillonDRAMBandwidthPlugin::on_sample() {
 }
 
 bool QuillonDRAMBandwidthPlugin::on_emit_to_perfetto() {
-  emit(kCpuBw, *cpu.mean);
-  emit(kCpuUtil, *cpu.utilisation);
-  emit(kGpuBw, *gpu.mean);
-  emit(kGpuUtil, *gpu.utilisation);
-  emit(kTotalBw, *total.mean);
-  emit(kTotalUtil, *total.utilisation);
-  emit(kTotalAvail, *total_avail_bw_mbps);
-  emit(kDdrFreq, *ddr_freq_mhz);
-  emit(kCpuSamples, *cpu.samples);
-  emit(kGpuSamples, *gpu.samples);
-  emit(kTotalSamples, *total.samples);
+  trace::emit_counter(track(kCpuBw), cpu.mean->value);
+  trace::emit_counter(track(kCpuUtil), cpu.utilisation->value);
+  trace::emit_counter(track(kGpuBw), gpu.mean->value);
+  trace::emit_counter(track(kGpuUtil), gpu.utilisation->value);
+  trace::emit_counter(track(kTotalBw), total.mean->value);
+  trace::emit_counter(track(kTotalUtil), total.utilisation->value);
+  trace::emit_counter(track(kTotalAvail), total_avail_bw_mbps->value);
+  trace::emit_counter(track(kDdrFreq), ddr_freq_mhz->value);
+  trace::emit_counter(track(kCpuSamples), cpu.samples->value);
+  trace::emit_counter(track(kGpuSamples), gpu.samples->value);
+  trace::emit_counter(track(kTotalSamples), total.samples->value);
   return true;
 }
 

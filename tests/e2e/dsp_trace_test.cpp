@@ -12,6 +12,8 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <optional>
 
 #include "harness.h"
 #include "platform/counter/cntvct.h"
@@ -157,6 +159,117 @@ TEST(DspTrace, WaysInAndOut) {
     EXPECT_NE(result.err.find(c.err), std::string::npos) << result.err;
     EXPECT_NE(result.out.find(c.out), std::string::npos) << result.out;
     EXPECT_FALSE(std::filesystem::exists(kFifo));
+    std::filesystem::remove(kFifo);
+  }
+}
+
+// The counter and slice events of a trace, or nothing while its end is torn.
+struct Events {
+  std::size_t counters = 0, slices = 0;
+};
+std::optional<Events> events_in(const std::string& path) {
+  using namespace trace_test;
+  Events events;
+  try {
+    for (const Message& packet : read_trace(path)) {
+      if (auto event = packet.message(kTrackEvent)) {
+        ++(event->varint(kType) == kCounter ? events.counters : events.slices);
+      }
+    }
+  } catch (const std::runtime_error&) {
+    return std::nullopt;
+  }
+  return events;
+}
+
+// Waits (boundedly) for what another process is about to do.
+bool eventually(const std::function<bool()>& condition) {
+  for (int attempt = 0; attempt < 1000; ++attempt) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return false;
+}
+
+// Two blocks of three records each into the FIFO; returns once the worker has read both, so that
+// the first has been traced.
+void feed_two_blocks() {
+  const std::uint64_t now = emberline::platform::cntvct_to_us(emberline::platform::read_cntvct());
+  Entry block[DspTracePlugin::kEntriesPerBlock] = {};
+  for (std::uint32_t i = 0; i < 3; ++i)
+    block[i] = {"task", i, now + i, now + i + 50, 0, 0, {}, {}, 4 + i, 0};
+  const int fd = ::open(kFifo, O_WRONLY | O_NONBLOCK);
+  ASSERT_GE(fd, 0);
+  for (int b = 0; b < 2; ++b) ASSERT_EQ(::write(fd, block, sizeof block), ssize_t{sizeof block});
+  EXPECT_TRUE(eventually([fd] {
+    int unread = -1;
+    return ::ioctl(fd, FIONREAD, &unread) == 0 && unread == 0;
+  }));
+  ::close(fd);
+}
+
+// The trace is whole after every way out, with what was traced up to the end: the stop signals
+// and a reader that went away end the run through the same end as the time limit; a fatal
+// signal's handler writes what the last tick left gathered (no tick comes in ten minutes here);
+// and after SIGKILL the exit guard cuts away a write that the kill cut short, so that the file
+// ends at a packet boundary and misses at most the last tick's packets.
+TEST(DspTrace, TheTraceIsWholeOnEveryWayOut) {
+  using Args = std::vector<std::string>;
+  const Args reports = {"--no-power", "--dsp-trace", "--inline", "-s", "100", "-o", "200"};
+  const Args ticks_apart = {"-c", "-p", "--dsp-trace", "-s", "600000", "-o", "600000"};
+  const Args fast_ticks = {"-c", "-p", "-s", "50"};
+  struct Case {
+    int signal;
+    std::size_t head;
+    const Args& args;
+    std::size_t counters, slices;  // at least
+  } cases[] = {
+      // clang-format off
+      {SIGINT, 0, reports, 0, 12},
+      {SIGTERM, 0, reports, 0, 12},
+      {SIGHUP, 0, reports, 0, 12},
+      {0, 1, reports, 0, 12},
+      {SIGSEGV, 0, ticks_apart, 8, 6},
+      {SIGKILL, 0, fast_ticks, 8, 0},
+      // clang-format on
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.head ? "head -1" : strsignal(c.signal));
+    for (const auto& entry : std::filesystem::directory_iterator("/data/local/tmp")) {
+      std::filesystem::remove(entry.path());
+    }
+    std::size_t seen = 0;  // counters in the file when the tool was stopped
+    e2e::Options options;
+    options.signal_after_start = c.signal;
+    options.close_out_after_lines = c.head;
+    options.once_started_pid = [&](pid_t pid) {
+      const std::string path = e2e::only_file(".perfetto-trace");
+      auto counters_at_least = [&](std::size_t count) {
+        return [&path, count] { return events_in(path).value_or(Events{}).counters >= count; };
+      };
+      if (c.signal == SIGKILL) {
+        // Two ticks in the file, then the tool stopped with a write cut short at its end.
+        EXPECT_TRUE(eventually(counters_at_least(16)));
+        ::kill(pid, SIGSTOP);
+        seen = events_in(path).value_or(Events{}).counters;
+        std::ofstream(path, std::ios::app) << "\x0a\x64torn";
+        return;
+      }
+      // The first tick's counters are in the file before the blocks arrive.
+      EXPECT_TRUE(eventually(counters_at_least(c.counters)));
+      feed_two_blocks();
+    };
+    auto result = e2e::run(c.args, options);
+    const bool killed = c.signal == SIGSEGV || c.signal == SIGKILL;
+    EXPECT_EQ(result.signal, killed ? c.signal : 0) << result.err;
+    EXPECT_EQ(result.exit_code, killed ? -1 : 0) << result.err;
+    const std::string path = e2e::only_file(".perfetto-trace");
+    ASSERT_TRUE(eventually([&] { return events_in(path).has_value(); }));
+    const Events events = *events_in(path);
+    trace_test::check_trace(trace_test::read_trace(path));
+    EXPECT_GE(events.counters, std::max(c.counters, seen - std::min<std::size_t>(seen, 8)));
+    EXPECT_EQ(events.counters % 8, 0u);
+    EXPECT_GE(events.slices, c.slices);
     std::filesystem::remove(kFifo);
   }
 }

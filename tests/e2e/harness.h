@@ -36,6 +36,8 @@ struct Options {
   // Called, and then sent, once the tool has announced its run on the standard error stream: by
   // then every plugin has started.
   std::function<void()> once_started;
+  // The same, with the tool's pid, for a test that acts on the process itself.
+  std::function<void(pid_t)> once_started_pid;
   int signal_after_start = 0;
   // Runs the tool as root without the right to override file permissions, so that a read-only
   // node refuses it as it refuses an unprivileged shell on a headset.
@@ -77,6 +79,7 @@ inline Result run(const std::vector<std::string>& args, const Options& options =
     if (!started && err.find("Press CTRL-C to stop...\n") != std::string::npos) {
       started = true;
       if (options.once_started) options.once_started();
+      if (options.once_started_pid) options.once_started_pid(pid);
       if (options.signal_after_start != 0) kill(pid, options.signal_after_start);
     }
     return options.close_out_after_lines == 0 ||

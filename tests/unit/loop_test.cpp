@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <functional>
 #include <iostream>
 #include <optional>
@@ -8,6 +10,8 @@
 #include <vector>
 
 #include "emberline.h"
+#include "platform/trace/perfetto.h"
+#include "trace_fixture.h"
 
 namespace emberline {
 namespace {
@@ -21,7 +25,9 @@ class FakeClock : public LoopClock {
     sleeps.push_back(duration.count() / 1000000);
     now += duration.count() / 1000;
     if (jump_to) now = *std::exchange(jump_to, std::nullopt);
+    if (on_sleep) on_sleep();
   }
+  std::function<void()> on_sleep;
   std::int64_t now;
   std::optional<std::int64_t> jump_to;  // where the wall clock lands after the next sleep
   std::vector<std::int64_t> sleeps;     // milliseconds
@@ -158,6 +164,27 @@ TEST(TimingLoop, EndingConditions) {
     EXPECT_EQ(h.probe->samples.size(), 3u) << c.failed;
   }
   stop_flag = false;
+}
+
+// What a cycle traced is in the file before the loop waits, so that a run killed in its wait
+// loses nothing, and one killed at work loses at most that cycle.
+TEST(TimingLoop, EachCycleTraceIsInTheFileBeforeItsWait) {
+  const std::string path =
+      testing::TempDir() + "emberline-loop-" + std::to_string(getpid()) + ".perfetto-trace";
+  Harness h(true);
+  ASSERT_TRUE(trace::start_session(path, true));
+  static const perfetto::CounterTrack track("Watts");
+  h.probe->on_sample_hook = [](std::size_t n) { trace::emit_counter(track, n); };
+  std::vector<std::size_t> in_file;  // counters in the file at each wait
+  h.clock->on_sleep = [&] {
+    in_file.push_back(std::ranges::count_if(trace_test::read_trace(path), [](const auto& packet) {
+      return packet.message(trace_test::kTrackEvent).has_value();
+    }));
+  };
+  EXPECT_EQ(h.engine.run(2, 500, 1000), 0);
+  trace::stop_session();
+  std::remove(path.c_str());
+  EXPECT_EQ(in_file, (std::vector<std::size_t>{1, 2, 3, 4, 5}));
 }
 
 // Status goes to stderr, CSV reports to stdout, only the header in perfetto mode. A report

@@ -43,6 +43,7 @@ class Message {
   std::optional<std::string> text(int n) const { return get<std::string>(n, 2); }
   std::optional<Message> message(int n) const { return get<Message>(n, 2); }
   std::vector<Message> messages(int n) const { return all<Message>(n, 2); }
+  const std::string& bytes() const { return data_; }
 
  private:
   // Every occurrence of field n with that wire type, as T.

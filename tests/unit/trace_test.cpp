@@ -1,6 +1,10 @@
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
 #include <limits>
 #include <tuple>
 
@@ -37,7 +41,8 @@ TEST_F(TraceTest, EachEventLandsInItsFields) {
                 {nullptr, kSliceBegin, {}, {}, "conv2d"},
                 {nullptr, kSliceEnd},
                 {nullptr, kSliceBegin, {}, {}, std::string(200, 'n')},
-                {nullptr, kSliceBegin, {}, {}, std::string(20000, 'n')}};
+                // Larger than the batch: it goes out on its own, behind what was gathered.
+                {nullptr, kSliceBegin, {}, {}, std::string(kBatchBytes + 1000, 'n')}};
   auto named7 = dsp7.Serialize(), named9 = dsp9.Serialize();
   named7.set_name("DSP 7");
   named9.set_name("DSP 9");
@@ -112,13 +117,136 @@ TEST_F(TraceTest, SessionsReportUnlessQuietAndEachRecordsAWholeTrace) {
     EXPECT_EQ(start_session(file, quiet), started) << file << quiet << limit;
     EXPECT_EQ(testing::internal::GetCapturedStderr(), message);
     for (int i = 0; i < 200; ++i) TrackEvent::Counter(CounterTrack("Watts"), now(), i);
+    flush();  // the batch meets the limit here
     EXPECT_EQ(category_enabled(), started && limit == none) << file << quiet << limit;
     stop_session();
     setrlimit(RLIMIT_FSIZE, &saved);
     EXPECT_FALSE(category_enabled());
-    EXPECT_TRUE(!started || check_trace(read_trace(file)).size() == 2) << quiet << limit;
+    if (!started) continue;
+    const auto packets = read_trace(file);
+    EXPECT_EQ(check_trace(packets).size(), 2u) << quiet << limit;
+    // All 200 counters, or every one that fit whole (a counter packet is under 64 bytes).
+    EXPECT_TRUE(limit == none ? packets.size() == 203
+                              : std::filesystem::file_size(file) > limit - 64)
+        << quiet << limit;
   }
   signal(SIGXFSZ, previous);
+}
+
+// The one way the plugins emit a counter: a float widened exactly, an unsigned integer as itself
+// (never wrapped negative), and nothing while no session records.
+TEST_F(TraceTest, CountersKeepTheirValuesType) {
+  const CounterTrack track("DDR frequency");
+  const float fraction = 0.1f;
+  const unsigned int top = 4294967295u, zero = 0;
+  emit_counter(track, fraction);  // no session yet
+  ASSERT_TRUE(start_session(path(), true));
+  emit_counter(track, fraction);
+  emit_counter(track, top);
+  emit_counter(track, zero);
+  stop_session();
+  emit_counter(track, top);
+
+  std::vector<std::string> values;
+  for (const Message& packet : read_trace(path())) {
+    if (auto event = packet.message(kTrackEvent)) {
+      EXPECT_EQ(event->varint(kTrackUuid), track.uuid);
+      auto integer = event->int64(kIntValue);
+      values.push_back(integer ? std::to_string(*integer)
+                               : std::to_string(event->fixed_double(kDoubleValue).value_or(-1) ==
+                                                static_cast<double>(fraction)));
+    }
+  }
+  EXPECT_EQ(values, (std::vector<std::string>{"1", "4294967295", "0"}));
+}
+
+// Where the batch happens to be written out changes nothing in the trace: the same events give the
+// same packets whether each goes out alone or thousands share a write, and whether a packet is
+// larger than the batch or not.
+TEST_F(TraceTest, WritesOfAnySizeGiveTheSameTrace) {
+  const Track dsp(3, ProcessTrack::Current());
+  const std::string huge(kBatchBytes + 1, 'h');
+  const DebugAnnotation args[] = {{"dsp_cycle", 99}};
+  auto content = [&](bool flush_each) {
+    if (!start_session(path(), true)) return std::vector<std::string>{};
+    for (std::uint64_t i = 0; i < 20000; ++i) {
+      TrackEvent::Counter(CounterTrack(i % 2 ? "Watts" : "Current"), 1000 + i, 0.5 * i);
+      TrackEvent::SliceBegin(dsp, {3, 2000 + i}, i % 5000 == 7 ? huge.c_str() : "conv", args, 1);
+      if (flush_each) flush();
+    }
+    stop_session();
+    // Descriptors and the clock snapshot carry the time they were written at.
+    std::vector<std::string> packets;
+    for (const Message& packet : read_trace(path())) {
+      auto descriptor = packet.message(kTrackDescriptor);
+      packets.push_back(descriptor                       ? "D" + descriptor->bytes()
+                        : packet.message(kClockSnapshot) ? "S"
+                                                         : packet.bytes());
+    }
+    return packets;
+  };
+  const auto batched = content(false);
+  EXPECT_EQ(batched.size(), 1 + 4 + 40000u);
+  EXPECT_TRUE(batched == content(true));
+}
+
+// Stands in for the exit guard: a child forked now, holding the descriptors of this moment, that
+// cuts the session's file back once told that this process has ended.
+class Guard {
+ public:
+  Guard() : file_(session_file()) {
+    if (::pipe(told_) != 0) throw std::runtime_error("pipe");
+    child_ = ::fork();
+    if (child_ == 0) {
+      char byte;
+      [[maybe_unused]] ssize_t ignored = ::read(told_[0], &byte, 1);
+      cut_to_flushed_packets(file_);
+      ::_exit(0);
+    }
+    ::close(told_[0]);
+  }
+  // Told by a byte: later guards hold this pipe's write end too, so its end of file would wait.
+  void this_process_ended() {
+    [[maybe_unused]] ssize_t ignored = ::write(told_[1], "x", 1);
+    ::close(told_[1]);
+    ::waitpid(child_, nullptr, 0);
+  }
+
+ private:
+  const SessionFile file_;
+  int told_[2];
+  pid_t child_;
+};
+
+// A SIGKILL may cut the last write short inside a packet; the guard then cuts the file back to the
+// packets written whole. A file whose session has ended, or was replaced, is left as it is, even
+// where the new session's file has the old one's descriptor number.
+TEST_F(TraceTest, TheGuardCutsATornWriteAway) {
+  auto tear = [](const std::string& file) {
+    std::ofstream(file, std::ios::app) << "\x0a\x64torn";  // a packet of 100 bytes, cut at 4
+    return std::filesystem::file_size(file);
+  };
+  ASSERT_TRUE(start_session(path("a"), true));
+  TrackEvent::Counter(CounterTrack("Watts"), now(), 1.0);
+  flush();
+  const auto whole = std::filesystem::file_size(path("a"));
+  Guard first;
+  tear(path("a"));
+  TrackEvent::Counter(CounterTrack("Watts"), now(), 2.0);  // gathered only: lost to a SIGKILL
+  first.this_process_ended();
+  EXPECT_EQ(std::filesystem::file_size(path("a")), whole);
+  EXPECT_EQ(check_trace(read_trace(path("a"))).size(), 2u);
+
+  Guard replaced;
+  ASSERT_TRUE(start_session(path("b"), true));
+  Guard ended;
+  const auto torn_a = tear(path("a"));
+  replaced.this_process_ended();
+  EXPECT_EQ(std::filesystem::file_size(path("a")), torn_a);
+  stop_session();
+  const auto torn_b = tear(path("b"));
+  ended.this_process_ended();
+  EXPECT_EQ(std::filesystem::file_size(path("b")), torn_b);
 }
 
 }  // namespace

@@ -1,13 +1,18 @@
 #include "platform/trace/perfetto.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <iostream>
 #include <mutex>
+#include <new>
+#include <optional>
 #include <unordered_map>
+#include <utility>
 
 #include "platform/os/os.h"
 #include "platform/trace/proto_writer.h"
@@ -120,12 +125,9 @@ struct TrackInfo {
 };
 
 // One lock orders the whole file: packets never interleave, a descriptor is written before any
-// event that needs it, and stop cannot close the file under a writer. Writes are one system call
-// per packet anyway, which costs far more than the uncontended lock.
+// event that needs it, and stop cannot close the file under a writer.
 struct State {
   std::mutex mutex;
-  int fd = -1;
-  off_t written = 0;  // bytes of whole packets in the file
   std::uint32_t session = 0;
   // Every track seen in this process. Entries are made on a track's first use only.
   std::unordered_map<std::uint64_t, TrackInfo> tracks;
@@ -151,33 +153,159 @@ std::uint32_t thread_sequence() {
   return id;
 }
 
-void end_recording(State& s) {
-  category().store(0, std::memory_order_relaxed);
-  if (s.fd >= 0) ::close(s.fd);
-  s.fd = -1;
+// --- The file and the batch ----------------------------------------------------------------------
+
+// What the exit guard needs to cut the file back after this process is gone. It lives in memory
+// shared with the guard, which is forked after the session has started.
+struct FileRecord {
+  std::atomic<int> fd{-1};
+  std::atomic<std::uint32_t> session{0};
+  std::atomic<std::uint64_t> flushed{0};  // bytes of whole packets in the file
+};
+static_assert(std::atomic<int>::is_always_lock_free &&
+                  std::atomic<std::uint64_t>::is_always_lock_free,
+              "shared with another process and read in signal handlers");
+
+// Set once, by the first session; null until then.
+std::atomic<FileRecord*> file_record{nullptr};
+
+FileRecord& make_file_record() {
+  if (FileRecord* record = file_record.load(std::memory_order_acquire)) return *record;
+  void* page = ::mmap(nullptr, sizeof(FileRecord), PROT_READ | PROT_WRITE,
+                      MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  // Without shared memory a SIGKILL may leave a torn last packet; everything else still works.
+  FileRecord* record = page == MAP_FAILED ? new FileRecord : new (page) FileRecord;
+  file_record.store(record, std::memory_order_release);
+  return *record;
 }
 
-// A packet is in the file whole or not at all: after a failed write the file is cut back to the
-// last whole packet and recording ends, so the file stays a readable trace.
-bool write_packet(State& s, const std::string& bytes) {
-  if (s.fd < 0) return false;
-  const char* data = bytes.data();
-  std::size_t left = bytes.size();
-  while (left > 0) {
-    ssize_t count = ::write(s.fd, data, left);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) {
-      if (::ftruncate(s.fd, s.written) != 0) {
-        // Nothing more can be done: the reader will see a torn last packet.
-      }
-      end_recording(s);
-      return false;
-    }
-    data += count;
-    left -= static_cast<std::size_t>(count);
+// Packets waiting for the file. Besides the lock's holder, a fatal signal's handler may take the
+// batch, so it is taken by an atomic flag of its own, and lives in static storage: a handler needs
+// no lock, no allocation and no pointer that could move. The order of the stores below is what
+// lets a handler that interrupted its own thread anywhere write the batch all the same: `size`
+// covers only bytes already in place, and a write the handler repeats puts the same bytes in the
+// same place of the file.
+struct Batch {
+  std::atomic<bool> taken{false};
+  std::atomic<std::size_t> size{0};  // bytes of whole packets gathered
+  char bytes[emberline::trace::kBatchBytes];
+};
+Batch batch;
+// Whether this thread has the batch, for a handler that interrupted its own thread.
+thread_local bool this_thread_has_batch = false;
+
+// Takes the batch for the holder of the lock. Only a fatal signal's handler can have it already,
+// and keeps it while the process ends: the packet is then dropped.
+class BatchHold {
+ public:
+  BatchHold() : held_(!batch.taken.exchange(true, std::memory_order_acquire)) {
+    this_thread_has_batch = held_;
   }
-  s.written += static_cast<off_t>(bytes.size());
-  return true;
+  ~BatchHold() {
+    if (!held_) return;
+    this_thread_has_batch = false;
+    batch.taken.store(false, std::memory_order_release);
+  }
+  BatchHold(const BatchHold&) = delete;
+  BatchHold& operator=(const BatchHold&) = delete;
+  explicit operator bool() const { return held_; }
+
+ private:
+  const bool held_;
+};
+
+// From here to append(), code runs with the batch taken, also in a fatal signal's handler, and
+// so makes async-signal-safe calls only.
+
+int open_fd() {
+  FileRecord* record = file_record.load(std::memory_order_acquire);
+  return record != nullptr ? record->fd.load(std::memory_order_relaxed) : -1;
+}
+
+void end_recording() {
+  category().store(0, std::memory_order_relaxed);
+  FileRecord* record = file_record.load(std::memory_order_acquire);
+  if (record == nullptr) return;
+  const int fd = record->fd.exchange(-1, std::memory_order_acq_rel);
+  if (fd >= 0) ::close(fd);
+}
+
+// Bytes of the whole packets at the start of `data`: each is field 1 of a Trace, a one-byte tag
+// and a varint length.
+std::size_t whole_packets(const char* data, std::size_t size) {
+  std::size_t whole = 0;
+  for (std::size_t pos = 1; pos < size; pos = whole + 1) {
+    std::uint64_t length = 0;
+    for (int shift = 0;; shift += 7) {
+      if (pos == size || shift > 63) return whole;
+      const auto byte = static_cast<unsigned char>(data[pos++]);
+      length |= std::uint64_t{byte & 0x7fu} << shift;
+      if ((byte & 0x80) == 0) break;
+    }
+    if (length > size - pos) return whole;
+    whole = pos + length;
+  }
+  return whole;
+}
+
+// Puts whole packets behind those in the file, at an explicit offset, and returns whether all of
+// them got there; `committed` runs between the write and the record of the new end, for the
+// caller to let go of what it wrote. A write that stops short (a full disk) cuts the file back to
+// the last packet that reached it whole, and recording ends, so that the file stays a readable
+// trace.
+template <typename Committed>
+bool write_out(const char* data, std::size_t size, Committed committed) {
+  const int fd = open_fd();
+  if (fd < 0) return false;
+  FileRecord& record = *file_record.load(std::memory_order_acquire);
+  const std::uint64_t at = record.flushed.load(std::memory_order_relaxed);
+  std::size_t done = 0;
+  while (done < size) {
+    const ssize_t count = ::pwrite(fd, data + done, size - done, static_cast<off_t>(at + done));
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) break;
+    done += static_cast<std::size_t>(count);
+  }
+  committed();
+  const std::uint64_t whole = at + (done == size ? size : whole_packets(data, done));
+  record.flushed.store(whole, std::memory_order_release);
+  if (done == size) return true;
+  if (::ftruncate(fd, static_cast<off_t>(whole)) != 0) {
+    // Nothing more can be done: the reader will see a torn last packet.
+  }
+  end_recording();
+  return false;
+}
+
+bool flush_batch() {
+  const std::size_t size = batch.size.load(std::memory_order_acquire);
+  if (size == 0) return open_fd() >= 0;
+  return write_out(batch.bytes, size, [] { batch.size.store(0, std::memory_order_release); });
+}
+
+// A packet joins the batch, which goes out first if the packet does not fit behind it.
+void append(const std::string& packet) {
+  if (open_fd() < 0) return;
+  const std::size_t size = batch.size.load(std::memory_order_relaxed);
+  if (packet.size() > emberline::trace::kBatchBytes - size) {
+    if (!flush_batch()) return;
+    if (packet.size() > emberline::trace::kBatchBytes) {
+      write_out(packet.data(), packet.size(), [] {});
+      return;
+    }
+  }
+  const std::size_t at = batch.size.load(std::memory_order_relaxed);
+  std::memcpy(batch.bytes + at, packet.data(), packet.size());
+  batch.size.store(at + packet.size(), std::memory_order_release);
+}
+
+// Encodes a packet into `bytes`, made `bound` long for the writer and then cut to what it wrote.
+template <typename Encode>
+void encode_into(std::string& bytes, std::size_t bound, Encode encode) {
+  bytes.resize(bound);
+  ProtoWriter w(bytes.data());
+  encode(w);
+  bytes.resize(w.size());
 }
 
 void put_descriptor(ProtoWriter& w, std::uint64_t uuid, const TrackInfo& info) {
@@ -215,17 +343,21 @@ void describe(State& s, std::uint64_t uuid, TrackInfo& info) {
     auto parent = s.tracks.find(info.parent_uuid);
     if (parent != s.tracks.end()) describe(s, parent->first, parent->second);
   }
-  std::string bytes;  // once per track and session, so allocating here is fine
-  ProtoWriter w(bytes);
-  std::size_t packet = w.begin_nested(trace_proto::kPacket);
-  w.add_varint(trace_packet::kTimestamp, internal::TrackEventInternal::GetTraceTime());
-  w.add_varint(trace_packet::kTimestampClockId, kTraceClock);
-  w.add_varint(trace_packet::kTrustedPacketSequenceId, thread_sequence());
-  std::size_t descriptor = w.begin_nested(trace_packet::kTrackDescriptor);
-  put_descriptor(w, uuid, info);
-  w.end_nested(descriptor);
-  w.end_nested(packet);
-  write_packet(s, bytes);
+  // Once per track and session, so allocating here is fine.
+  std::string bytes;
+  const std::size_t names = info.name.size() + ::strlen(emberline::os::program_name()) +
+                            (info.counter_name != nullptr ? ::strlen(info.counter_name) : 0);
+  encode_into(bytes, 16 * ProtoWriter::kMaxField + names, [&](ProtoWriter& w) {
+    std::size_t packet = w.begin_nested(trace_proto::kPacket);
+    w.add_varint(trace_packet::kTimestamp, internal::TrackEventInternal::GetTraceTime());
+    w.add_varint(trace_packet::kTimestampClockId, kTraceClock);
+    w.add_varint(trace_packet::kTrustedPacketSequenceId, thread_sequence());
+    std::size_t descriptor = w.begin_nested(trace_packet::kTrackDescriptor);
+    put_descriptor(w, uuid, info);
+    w.end_nested(descriptor);
+    w.end_nested(packet);
+  });
+  append(bytes);
 }
 
 TrackInfo& find_or_add(State& s, const Track& track, TrackInfo::Kind kind,
@@ -243,57 +375,101 @@ void add_process_track(State& s) {
 
 // --- Events --------------------------------------------------------------------------------------
 
-// Encodes one event packet into this thread's buffer, whose capacity stays for the next event.
-class EventPacket {
- public:
-  EventPacket(std::uint64_t type, const Track& track, std::uint32_t clock_id,
-              std::uint64_t timestamp)
-      : bytes_(thread_buffer()), writer_(bytes_) {
-    packet_ = writer_.begin_nested(trace_proto::kPacket);
-    writer_.add_varint(trace_packet::kTimestamp, timestamp);
-    writer_.add_varint(trace_packet::kTimestampClockId, clock_id);
-    writer_.add_varint(trace_packet::kTrustedPacketSequenceId, thread_sequence());
-    event_ = writer_.begin_nested(trace_packet::kTrackEvent);
-    writer_.add_varint(track_event::kType, type);
-    writer_.add_varint(track_event::kTrackUuid, track.uuid);
-  }
-
-  ProtoWriter& writer() { return writer_; }
-
-  void add_annotations(const DebugAnnotation* annotations, std::size_t count) {
-    for (std::size_t i = 0; i < count; ++i) {
-      std::size_t annotation = writer_.begin_nested(track_event::kDebugAnnotations);
-      if (annotations[i].name != nullptr) {
-        writer_.add_string(debug_annotation::kName, annotations[i].name);
-      }
-      writer_.add_int64(debug_annotation::kIntValue, annotations[i].value);
-      writer_.end_nested(annotation);
-    }
-  }
-
-  // Writes the packet behind the descriptors its track still needs in this session.
-  void write(const Track& track, TrackInfo::Kind kind, const char* counter_name = nullptr) {
-    writer_.end_nested(event_);
-    writer_.end_nested(packet_);
-    State& s = state();
-    std::lock_guard lock(s.mutex);
-    if (s.fd < 0) return;
-    describe(s, track.uuid, find_or_add(s, track, kind, counter_name));
-    write_packet(s, bytes_);
-  }
-
- private:
-  static std::string& thread_buffer() {
-    thread_local std::string buffer;
-    buffer.clear();
-    return buffer;
-  }
-
-  std::string& bytes_;
-  ProtoWriter writer_;
-  std::size_t packet_ = 0;
-  std::size_t event_ = 0;
+// One event, as the writers below describe it.
+struct Event {
+  std::uint64_t type;
+  const Track& track;
+  std::uint32_t clock_id;
+  std::uint64_t timestamp;
+  const std::optional<double> real = std::nullopt;
+  const std::optional<std::int64_t> integer = std::nullopt;
+  const char* name = nullptr;
+  const DebugAnnotation* annotations = nullptr;
+  std::size_t annotation_count = 0;
 };
+
+// The lengths of an event's texts, measured once for the bound and the encoding alike.
+struct Lengths {
+  static constexpr std::size_t kAnnotations = 8;  // any further ones are measured twice
+  std::size_t name = 0;
+  std::size_t annotations[kAnnotations] = {};
+};
+
+std::string_view annotation_name(const Event& e, const Lengths& lengths, std::size_t i) {
+  const char* name = e.annotations[i].name;
+  return i < Lengths::kAnnotations ? std::string_view(name, lengths.annotations[i])
+                                   : std::string_view(name);
+}
+
+// The most bytes the event's packet can take.
+std::size_t measure(const Event& e, Lengths& lengths) {
+  // The packet and the event, each with five fields at most.
+  std::size_t most = 2 * (ProtoWriter::kMaxNesting + 5 * ProtoWriter::kMaxField);
+  if (e.name != nullptr) {
+    lengths.name = ::strlen(e.name);
+    most += ProtoWriter::max_string(lengths.name);
+  }
+  for (std::size_t i = 0; i < e.annotation_count; ++i) {
+    const char* name = e.annotations[i].name;
+    const std::size_t length = name != nullptr ? ::strlen(name) : 0;
+    if (i < Lengths::kAnnotations) lengths.annotations[i] = length;
+    most += ProtoWriter::kMaxNesting + ProtoWriter::kMaxField + ProtoWriter::max_string(length);
+  }
+  return most;
+}
+
+// Returns the size of the packet encoded at `out`. The writer is local to this function, so that
+// its position stays in a register rather than being reloaded after every byte stored.
+std::size_t encode(char* out, const Event& e, const Lengths& lengths) {
+  ProtoWriter w(out);
+  const std::size_t packet = w.begin_nested(trace_proto::kPacket);
+  w.add_varint(trace_packet::kTimestamp, e.timestamp);
+  w.add_varint(trace_packet::kTimestampClockId, e.clock_id);
+  w.add_varint(trace_packet::kTrustedPacketSequenceId, thread_sequence());
+  const std::size_t event = w.begin_nested(trace_packet::kTrackEvent);
+  w.add_varint(track_event::kType, e.type);
+  w.add_varint(track_event::kTrackUuid, e.track.uuid);
+  if (e.real) w.add_double(track_event::kDoubleCounterValue, *e.real);
+  if (e.integer) w.add_int64(track_event::kCounterValue, *e.integer);
+  if (e.name != nullptr) w.add_string(track_event::kName, {e.name, lengths.name});
+  for (std::size_t i = 0; i < e.annotation_count; ++i) {
+    const std::size_t annotation = w.begin_nested(track_event::kDebugAnnotations);
+    if (e.annotations[i].name != nullptr) {
+      w.add_string(debug_annotation::kName, annotation_name(e, lengths, i));
+    }
+    w.add_int64(debug_annotation::kIntValue, e.annotations[i].value);
+    w.end_nested(annotation);
+  }
+  w.end_nested(event);
+  w.end_nested(packet);
+  return w.size();
+}
+
+// Writes the event behind the descriptors its track still needs in this session. It is encoded
+// straight into the batch; only a packet that might not fit an empty batch takes a buffer of its
+// own.
+void write_event(const Event& e, TrackInfo::Kind kind, const char* counter_name = nullptr) {
+  Lengths lengths;
+  const std::size_t most = measure(e, lengths);
+  State& s = state();
+  std::lock_guard lock(s.mutex);
+  BatchHold hold;
+  if (!hold || open_fd() < 0) return;
+  describe(s, e.track.uuid, find_or_add(s, e.track, kind, counter_name));
+  if (most > emberline::trace::kBatchBytes) {
+    std::string bytes;
+    bytes.resize(most);
+    bytes.resize(encode(bytes.data(), e, lengths));
+    append(bytes);
+    return;
+  }
+  if (most > emberline::trace::kBatchBytes - batch.size.load(std::memory_order_relaxed) &&
+      !flush_batch()) {
+    return;
+  }
+  const std::size_t at = batch.size.load(std::memory_order_relaxed);
+  batch.size.store(at + encode(batch.bytes + at, e, lengths), std::memory_order_release);
+}
 
 bool recording() {
   return category().load(std::memory_order_relaxed) != 0;
@@ -309,25 +485,26 @@ std::string clock_snapshot_packet() {
            static_cast<std::uint64_t>(t.tv_nsec);
   };
   std::string bytes;
-  ProtoWriter w(bytes);
-  std::size_t packet = w.begin_nested(trace_proto::kPacket);
-  w.add_varint(trace_packet::kTrustedPacketSequenceId, kSessionSequence);
-  std::size_t snapshot = w.begin_nested(trace_packet::kClockSnapshot);
-  const std::pair<std::uint32_t, std::uint64_t> clocks[] = {
-      {protos::pbzero::BUILTIN_CLOCK_BOOTTIME, nanoseconds(boot)},
-      {protos::pbzero::BUILTIN_CLOCK_MONOTONIC, nanoseconds(mono)},
-  };
-  for (const auto& [id, value] : clocks) {
-    std::size_t clock = w.begin_nested(clock_snapshot::kClocks);
-    w.add_varint(clock_snapshot::kClockId, id);
-    w.add_varint(clock_snapshot::kTimestamp, value);
-    w.end_nested(clock);
-  }
-  // Events are stamped with the monotonic clock; making it the trace's clock keeps their times as
-  // written, while the boot-time reading still lets a reader map them onto a system trace.
-  w.add_varint(clock_snapshot::kPrimaryTraceClock, kTraceClock);
-  w.end_nested(snapshot);
-  w.end_nested(packet);
+  encode_into(bytes, 16 * ProtoWriter::kMaxField, [&](ProtoWriter& w) {
+    std::size_t packet = w.begin_nested(trace_proto::kPacket);
+    w.add_varint(trace_packet::kTrustedPacketSequenceId, kSessionSequence);
+    std::size_t snapshot = w.begin_nested(trace_packet::kClockSnapshot);
+    const std::pair<std::uint32_t, std::uint64_t> clocks[] = {
+        {protos::pbzero::BUILTIN_CLOCK_BOOTTIME, nanoseconds(boot)},
+        {protos::pbzero::BUILTIN_CLOCK_MONOTONIC, nanoseconds(mono)},
+    };
+    for (const auto& [id, value] : clocks) {
+      std::size_t clock = w.begin_nested(clock_snapshot::kClocks);
+      w.add_varint(clock_snapshot::kClockId, id);
+      w.add_varint(clock_snapshot::kTimestamp, value);
+      w.end_nested(clock);
+    }
+    // Events are stamped with the monotonic clock; making it the trace's clock keeps their times as
+    // written, while the boot-time reading still lets a reader map them onto a system trace.
+    w.add_varint(clock_snapshot::kPrimaryTraceClock, kTraceClock);
+    w.end_nested(snapshot);
+    w.end_nested(packet);
+  });
   return bytes;
 }
 
@@ -364,33 +541,30 @@ CounterTrack::CounterTrack(const char* name)
 
 void TrackEvent::Counter(const CounterTrack& track, std::uint64_t timestamp, double value) {
   if (!recording()) return;
-  EventPacket packet(track_event::kTypeCounter, track, kTraceClock, timestamp);
-  packet.writer().add_double(track_event::kDoubleCounterValue, value);
-  packet.write(track, TrackInfo::Kind::kCounter, track.name);
+  write_event({track_event::kTypeCounter, track, kTraceClock, timestamp, value},
+              TrackInfo::Kind::kCounter, track.name);
 }
 
 void TrackEvent::Counter(const CounterTrack& track, std::uint64_t timestamp, std::int64_t value) {
   if (!recording()) return;
-  EventPacket packet(track_event::kTypeCounter, track, kTraceClock, timestamp);
-  packet.writer().add_int64(track_event::kCounterValue, value);
-  packet.write(track, TrackInfo::Kind::kCounter, track.name);
+  write_event({track_event::kTypeCounter, track, kTraceClock, timestamp, std::nullopt, value},
+              TrackInfo::Kind::kCounter, track.name);
 }
 
 void TrackEvent::SliceBegin(const Track& track, TraceTimestamp timestamp, const char* name,
                             const DebugAnnotation* annotations, std::size_t annotation_count) {
   if (!recording()) return;
-  EventPacket packet(track_event::kTypeSliceBegin, track, timestamp.clock_id, timestamp.value);
-  if (name != nullptr) packet.writer().add_string(track_event::kName, name);
-  packet.add_annotations(annotations, annotation_count);
-  packet.write(track, TrackInfo::Kind::kCustom);
+  write_event({track_event::kTypeSliceBegin, track, timestamp.clock_id, timestamp.value,
+               std::nullopt, std::nullopt, name, annotations, annotation_count},
+              TrackInfo::Kind::kCustom);
 }
 
 void TrackEvent::SliceEnd(const Track& track, TraceTimestamp timestamp,
                           const DebugAnnotation* annotations, std::size_t annotation_count) {
   if (!recording()) return;
-  EventPacket packet(track_event::kTypeSliceEnd, track, timestamp.clock_id, timestamp.value);
-  packet.add_annotations(annotations, annotation_count);
-  packet.write(track, TrackInfo::Kind::kCustom);
+  write_event({track_event::kTypeSliceEnd, track, timestamp.clock_id, timestamp.value, std::nullopt,
+               std::nullopt, nullptr, annotations, annotation_count},
+              TrackInfo::Kind::kCustom);
 }
 
 void TrackEvent::SetTrackDescriptor(const Track& track,
@@ -402,7 +576,8 @@ void TrackEvent::SetTrackDescriptor(const Track& track,
     info.name = descriptor.name();
     info.described_in = 0;  // a renamed track is described again
   }
-  if (s.fd >= 0) describe(s, track.uuid, info);
+  BatchHold hold;
+  if (hold && open_fd() >= 0) describe(s, track.uuid, info);
 }
 
 }  // namespace perfetto
@@ -420,14 +595,24 @@ bool start_session(const std::string& path, bool quiet) {
   {
     perfetto::State& s = perfetto::state();
     std::lock_guard lock(s.mutex);
-    perfetto::end_recording(s);  // a session started by another thread meanwhile
-    s.fd = fd;
-    s.written = 0;
+    perfetto::BatchHold hold;
+    if (!hold) {
+      ::close(fd);
+      return fail();
+    }
+    // A session started by another thread meanwhile.
+    perfetto::flush_batch();
+    perfetto::end_recording();
     // Session 0 stands for "never described", so the count skips it when it wraps.
     if (++s.session == 0) ++s.session;
+    perfetto::FileRecord& record = perfetto::make_file_record();
+    record.flushed.store(0, std::memory_order_relaxed);
+    record.session.store(s.session, std::memory_order_relaxed);
+    record.fd.store(fd, std::memory_order_release);
     perfetto::add_process_track(s);
     // A file that takes no bytes (a full disk, /dev/full) is as useless as one that won't open.
-    if (!perfetto::write_packet(s, perfetto::clock_snapshot_packet())) return fail();
+    perfetto::append(perfetto::clock_snapshot_packet());
+    if (!perfetto::flush_batch()) return fail();
   }
   if (!quiet) std::cerr << "Trace will be saved to '" << path << "'\n" << std::flush;
   perfetto::category().store(1, std::memory_order_release);
@@ -437,7 +622,56 @@ bool start_session(const std::string& path, bool quiet) {
 void stop_session() {
   perfetto::State& s = perfetto::state();
   std::lock_guard lock(s.mutex);
-  perfetto::end_recording(s);
+  perfetto::BatchHold hold;
+  if (!hold) return;
+  perfetto::flush_batch();
+  perfetto::end_recording();
+}
+
+void flush() {
+  // Without a session nothing gathers, and a tick costs one load.
+  if (perfetto::open_fd() < 0) return;
+  perfetto::State& s = perfetto::state();
+  std::lock_guard lock(s.mutex);
+  perfetto::BatchHold hold;
+  if (hold) perfetto::flush_batch();
+}
+
+void flush_from_signal_handler() {
+  const int saved_errno = errno;
+  // Another thread may be writing the batch out: it is given a while to finish. The batch is then
+  // kept, so that no write starts that the end of the process could cut short.
+  bool have = perfetto::this_thread_has_batch;
+  for (int attempt = 0; attempt < 200 && !have; ++attempt) {
+    have = !perfetto::batch.taken.exchange(true, std::memory_order_acquire);
+    const timespec pause{0, 5'000'000};
+    if (!have) ::nanosleep(&pause, nullptr);
+  }
+  if (have) {
+    perfetto::this_thread_has_batch = true;
+    perfetto::flush_batch();
+  }
+  errno = saved_errno;
+}
+
+SessionFile session_file() {
+  perfetto::FileRecord* record = perfetto::file_record.load(std::memory_order_acquire);
+  if (record == nullptr) return {};
+  return {record->fd.load(std::memory_order_acquire),
+          record->session.load(std::memory_order_acquire)};
+}
+
+void cut_to_flushed_packets(const SessionFile& file) {
+  perfetto::FileRecord* record = perfetto::file_record.load(std::memory_order_acquire);
+  if (record == nullptr || file.fd < 0) return;
+  if (record->fd.load(std::memory_order_acquire) != file.fd ||
+      record->session.load(std::memory_order_acquire) != file.session) {
+    return;
+  }
+  if (::ftruncate(file.fd, static_cast<off_t>(record->flushed.load(std::memory_order_acquire))) !=
+      0) {
+    // The file keeps what the last write left; nothing else can be done from here.
+  }
 }
 
 }  // namespace emberline::trace

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <type_traits>
 
 namespace perfetto {
 
@@ -147,12 +148,53 @@ inline bool category_enabled() {
              ->load(std::memory_order_relaxed) != 0;
 }
 
+// One counter event on `track`, stamped with the trace time just before it is written: a float
+// goes out widened to a double, an integer as an integer. The value is taken by reference so
+// that a disabled category costs the load of its byte and nothing else, neither the load of the
+// value nor the reading of the clock.
+template <typename T>
+requires std::is_arithmetic_v<T>
+inline void emit_counter(const perfetto::CounterTrack& track, const T& value) {
+  if (!category_enabled()) return;
+  const std::uint64_t now = perfetto::internal::TrackEventInternal::GetTraceTime();
+  if constexpr (std::is_floating_point_v<T>) {
+    perfetto::TrackEvent::Counter(track, now, static_cast<double>(value));
+  } else {
+    perfetto::TrackEvent::Counter(track, now, value);
+  }
+}
+
 // The in-process session that stands in for the device's tracing service. Starting it opens
 // (truncates) the trace file, announces it on stderr unless quiet, and enables the category; a
 // failure to open is reported the same way and leaves the category disabled. Starting while a
-// session runs ends that one first. Stopping disables the category and closes the file; it is
-// safe to call at any time, any number of times.
+// session runs ends that one first. Stopping writes what is gathered, disables the category and
+// closes the file; it is safe to call at any time, any number of times.
 bool start_session(const std::string& path, bool quiet);
 void stop_session();
+
+// Packets gather in a batch of this size and reach the file when it is full, when flush() is
+// called, and when the session stops. A packet larger than the batch goes out on its own.
+inline constexpr std::size_t kBatchBytes = 128 * 1024;
+
+// Writes the gathered packets. The engine calls it at every tick, so that the file is never more
+// than one tick behind. A write that stops short (a full disk) leaves the file cut back to the
+// last whole packet, and recording ends.
+void flush();
+
+// For the ways out that run no destructor. Async-signal-safe: a fatal signal's handler calls it
+// to write the gathered packets. It waits a bounded time for a writer on another thread to finish.
+void flush_from_signal_handler();
+
+// A SIGKILL runs no code of this process, and may cut a write short inside a packet. A process
+// that outlives this one (the exit guard) takes the session's file at its own start, keeps the
+// descriptor open, and once this process has ended, cuts the file back to the packets whose
+// write had completed. Both are async-signal-safe; cutting a file whose session has ended, or
+// has since been replaced, does nothing.
+struct SessionFile {
+  int fd = -1;
+  std::uint32_t session = 0;
+};
+SessionFile session_file();
+void cut_to_flushed_packets(const SessionFile& file);
 
 }  // namespace emberline::trace

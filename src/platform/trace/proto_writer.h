@@ -1,18 +1,28 @@
 #pragma once
 
-// The few protobuf wire-format writers the trace needs. Messages are appended to a caller-owned
-// string, which keeps its capacity between packets, so steady-state encoding does not allocate.
+// The few protobuf wire-format writers the trace needs. A message is encoded straight into memory
+// that the caller has made large enough, by the bounds below: no check, no allocation and no call
+// per field, which is what lets a busy DSP worker keep up.
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <string>
 #include <string_view>
 
 namespace perfetto::internal {
 
 class ProtoWriter {
  public:
-  explicit ProtoWriter(std::string& out) : out_(out) {}
+  // Upper bounds of what each writer below puts out.
+  static constexpr std::size_t kMaxVarint = 10;
+  static constexpr std::size_t kMaxField = 5 + kMaxVarint;  // a tag and a varint or a double
+  static constexpr std::size_t max_string(std::size_t size) { return kMaxField + size; }
+  // A nested message's own tag and length, beyond its fields.
+  static constexpr std::size_t kMaxNesting = kMaxField;
+
+  explicit ProtoWriter(char* out) : start_(out), pos_(out) {}
+
+  std::size_t size() const { return static_cast<std::size_t>(pos_ - start_); }
 
   void add_varint(std::uint32_t field, std::uint64_t value) {
     put_tag(field, kVarint);
@@ -28,34 +38,36 @@ class ProtoWriter {
     put_tag(field, kFixed64);
     std::uint64_t bits;
     std::memcpy(&bits, &value, sizeof bits);
-    char bytes[8];
-    for (int i = 0; i < 8; ++i) bytes[i] = static_cast<char>(bits >> (8 * i));
-    out_.append(bytes, sizeof bytes);
+    for (int i = 0; i < 8; ++i) *pos_++ = static_cast<char>(bits >> (8 * i));
   }
 
   void add_string(std::uint32_t field, std::string_view text) {
     put_tag(field, kLengthDelimited);
     put_varint(text.size());
-    out_.append(text);
+    std::memcpy(pos_, text.data(), text.size());
+    pos_ += text.size();
   }
 
   // Opens a nested message and returns the token that closes it. The length is not known yet, so
   // one byte is reserved for it; the rare longer length shifts the body when the message closes.
   std::size_t begin_nested(std::uint32_t field) {
     put_tag(field, kLengthDelimited);
-    out_.push_back('\0');
-    return out_.size();
+    *pos_++ = '\0';
+    return size();
   }
 
   void end_nested(std::size_t token) {
-    std::size_t length = out_.size() - token;
+    const std::size_t length = size() - token;
+    char* body = start_ + token;
     if (length < 0x80) {
-      out_[token - 1] = static_cast<char>(length);
+      body[-1] = static_cast<char>(length);
       return;
     }
-    char prefix[10];
-    std::size_t size = encode_varint(length, prefix);
-    out_.replace(token - 1, 1, prefix, size);
+    char prefix[kMaxVarint];
+    const std::size_t extra = encode_varint(length, prefix) - 1;
+    std::memmove(body + extra, body, length);
+    std::memcpy(body - 1, prefix, extra + 1);
+    pos_ += extra;
   }
 
  private:
@@ -71,16 +83,14 @@ class ProtoWriter {
     return size;
   }
 
-  void put_varint(std::uint64_t value) {
-    char bytes[10];
-    out_.append(bytes, encode_varint(value, bytes));
-  }
+  void put_varint(std::uint64_t value) { pos_ += encode_varint(value, pos_); }
 
   void put_tag(std::uint32_t field, WireType type) {
     put_varint((static_cast<std::uint64_t>(field) << 3) | type);
   }
 
-  std::string& out_;
+  char* start_;
+  char* pos_;
 };
 
 }  // namespace perfetto::internal
