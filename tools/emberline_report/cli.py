@@ -1,0 +1,68 @@
+"""The command line of emberline-report."""
+
+import argparse
+import json
+import sys
+
+from . import PROG
+from .fields import parse_patterns, select_fields, series
+from .reading import ReportError, display_name, load_report, warn_about
+
+
+def image_name(path):
+    if not path.lower().endswith((".png", ".svg")):
+        raise ReportError("the plot's file name must end in .png or .svg: %s" % path)
+    return path
+
+
+def run_summary(args):
+    from .summary import summarise, summary_text
+    report = load_report(args.file)
+    name = display_name(args.file)
+    warn_about(report, name)
+    summary = summarise(report, name)
+    print(json.dumps(summary) if args.json else summary_text(summary))
+    return 0
+
+
+def run_plot(args):
+    from .plot import plot_run
+    image_name(args.output)
+    report = load_report(args.file)
+    name = display_name(args.file)
+    warn_about(report, name)
+    chosen = select_fields(report.numeric_fields(), parse_patterns(args.fields))
+    plot_run({field: series(report, field) for field in chosen}, name, args.output)
+    return 0
+
+
+FIELDS_HELP = ("comma-separated names or shell patterns, as the CSV header or the dotted JSON "
+               "keys give them")
+
+
+def parser():
+    p = argparse.ArgumentParser(prog=PROG, description="Summaries and plots of an "
+                                "emberline report file (CSV or JSON lines).")
+    commands = p.add_subparsers(dest="command", required=True)
+    s = commands.add_parser("summary", help="statistics and energy of every numeric field")
+    s.add_argument("file", help="report file, or - for standard input")
+    s.add_argument("--json", action="store_true", help="print one JSON object")
+    s.set_defaults(run=run_summary)
+    g = commands.add_parser("plot", help="chosen fields over time, one panel per unit")
+    g.add_argument("file", help="report file, or - for standard input")
+    g.add_argument("-o", "--output", required=True, help="image to write: .png or .svg")
+    g.add_argument("--fields", action="append",
+                   help=FIELDS_HELP + " (default: raw and smoothed power)")
+    g.set_defaults(run=run_plot)
+    return p
+
+
+def main(argv):
+    args = parser().parse_args(argv)
+    try:
+        return args.run(args)
+    except ReportError as e:
+        print("%s: error: %s" % (PROG, e), file=sys.stderr)
+        return 2
+    except BrokenPipeError:
+        return 0
