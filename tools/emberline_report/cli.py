@@ -2,6 +2,7 @@
 
 import argparse
 import json
+import math
 import sys
 
 from . import PROG
@@ -36,13 +37,36 @@ def run_plot(args):
     return 0
 
 
+def run_compare(args):
+    from .compare import run
+    from .runs import FileRun
+    patterns = parse_patterns(args.fields)
+    if args.plot is not None:
+        image_name(args.plot)
+    if args.fail_above is not None and not math.isfinite(args.fail_above):
+        raise ReportError("--fail-above takes a percentage: %s" % args.fail_above)
+    options = dict(patterns=patterns, as_json=args.json, fail_above=args.fail_above,
+                   plot_out=args.plot)
+    if not args.files or not args.vs:
+        raise ReportError("compare needs files on both sides: A... --vs B...")
+    sides = []
+    for paths in (args.files, args.vs):
+        runs = []
+        for path in paths:
+            report = load_report(path)
+            warn_about(report, display_name(path))
+            runs.append(FileRun(report, display_name(path)))
+        sides.append(runs)
+    return run(sides[0], sides[1], sides_named=("", ""), **options)
+
+
 FIELDS_HELP = ("comma-separated names or shell patterns, as the CSV header or the dotted JSON "
                "keys give them")
 
 
 def parser():
-    p = argparse.ArgumentParser(prog=PROG, description="Summaries and plots of an "
-                                "emberline report file (CSV or JSON lines).")
+    p = argparse.ArgumentParser(prog=PROG, description="Summaries, plots and "
+                                "comparisons of emberline report files (CSV or JSON lines).")
     commands = p.add_subparsers(dest="command", required=True)
     s = commands.add_parser("summary", help="statistics and energy of every numeric field")
     s.add_argument("file", help="report file, or - for standard input")
@@ -54,6 +78,19 @@ def parser():
     g.add_argument("--fields", action="append",
                    help=FIELDS_HELP + " (default: raw and smoothed power)")
     g.set_defaults(run=run_plot)
+    c = commands.add_parser(
+        "compare", help="does B differ from A? means, deltas and 95%% intervals of every field",
+        usage="%(prog)s A... --vs B... [options]")
+    c.add_argument("files", nargs="*", metavar="A", help="report files of side A, the baseline")
+    c.add_argument("--vs", nargs="+", metavar="B", help="report files of side B")
+    c.add_argument("--fields", action="append",
+                   help=FIELDS_HELP + " (default: every numeric field both sides have)")
+    c.add_argument("--json", action="store_true", help="print one JSON object")
+    c.add_argument("--fail-above", type=float, metavar="PCT",
+                   help="exit 1 when a watched field is higher by more than PCT percent "
+                        "(watched: the --fields, or raw and smoothed power)")
+    c.add_argument("--plot", metavar="OUT", help="image of the watched fields: .png or .svg")
+    c.set_defaults(run=run_compare)
     return p
 
 

@@ -1,4 +1,4 @@
-"""Images of reports: one run's fields over time."""
+"""Images of reports: one run's fields over time, and two sides of a comparison."""
 
 import math
 
@@ -39,4 +39,49 @@ def plot_run(series_by_name, title, out):
         ax.legend(loc="best", fontsize="small")
     axes[0].set_title(title)
     axes[-1].set_xlabel("time from the start (s)")
+    figure.savefig(out, dpi=DPI)
+
+
+SIDE_COLOURS = {"A": "tab:blue", "B": "tab:orange"}
+
+
+def plot_sides(fields, sides, title, out):
+    """A row per field: every run of both sides over time, overlaid, and the readings' spread
+    on each side, box beside box. `sides` maps "A" and "B" to a list of runs, each a mapping of
+    field to (time, reading) pairs."""
+    figure = new_figure(FIGURE_WIDTH_IN + 3, MARGIN_HEIGHT_IN + PANEL_HEIGHT_IN * len(fields))
+    grid = figure.add_gridspec(len(fields), 2, width_ratios=(3, 1))
+    first = None
+    for row, name in enumerate(fields):
+        over_time = figure.add_subplot(grid[row, 0], sharex=first)
+        first = first or over_time
+        spread = figure.add_subplot(grid[row, 1], sharey=over_time)
+        boxes = []
+        for side, runs in sides.items():
+            readings = []
+            for number, run in enumerate(runs):
+                series = run.get(name, [])
+                readings += [r for _, r in series if r is not None]
+                over_time.plot([t for t, _ in series],
+                               [math.nan if r is None else r for _, r in series],
+                               color=SIDE_COLOURS[side], lw=1.0, alpha=0.8,
+                               label="%s (%d run%s)" % (side, len(runs), "" if len(runs) == 1
+                                                        else "s") if number == 0 else None)
+            boxes.append(readings)
+        drawn = spread.boxplot(boxes, widths=0.6, patch_artist=True,
+                               medianprops={"color": "black"})
+        for box, side in zip(drawn["boxes"], sides):
+            box.set_facecolor(SIDE_COLOURS[side])
+            box.set_alpha(0.6)
+        spread.set_xticks(range(1, len(sides) + 1), list(sides))
+        unit = unit_of(name)
+        over_time.set_ylabel("%s (%s)" % (name, unit) if unit else name, fontsize="small")
+        over_time.grid(True, alpha=0.3)
+        spread.grid(True, alpha=0.3)
+        spread.tick_params(labelleft=False)
+        if row == 0:
+            over_time.legend(loc="best", fontsize="small")
+            over_time.set_title(title)
+            spread.set_title("readings")
+    over_time.set_xlabel("time from the start (s)")
     figure.savefig(out, dpi=DPI)
