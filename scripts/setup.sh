@@ -8,6 +8,7 @@ packages=(
   android-liblog-dev android-libbase-dev libselinux1-dev
   bubblewrap
   python3-matplotlib python3-numpy
+  protobuf-compiler
   sysstat
   clang libclang-rt-14-dev
 )

@@ -241,6 +241,22 @@ class Command(unittest.TestCase):
         code, out, err = self.run_tool(good, "--vs", cut)
         self.assertEqual((code, err.count("ignored the cut-off last line")), (0, 1), err)
 
+    def test_every_profile_and_format(self):
+        data = Path(__file__).resolve().parent / "data"
+        for profile in ("generic", "fennick", "brantley"):
+            with self.subTest(profile=profile):
+                csv_file, json_file = (str(data / ("all-%s.%s" % (profile, ext)))
+                                       for ext in ("csv", "json"))
+                result = self.compare_json(csv_file, "--vs", json_file)
+                # Three reports a side are too few for an interval, which is said as "none".
+                self.assertGreater(len(result["fields"]), 50)
+                self.assertEqual({(f["verdict"], tuple(f["ci95"]))
+                                  for f in result["fields"].values()}, {("none", (None, None))})
+                twice = self.compare_json(csv_file, csv_file, "--vs", json_file, json_file)
+                self.assertEqual(list(twice["energy"]), [name for name in twice["fields"] if
+                                                         twice["fields"][name]["unit"] == "W"
+                                                         and not name.endswith("_stdev")])
+
     def test_plot_draws_both_sides(self):
         try:
             import matplotlib  # noqa: F401

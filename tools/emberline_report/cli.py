@@ -60,13 +60,23 @@ def run_compare(args):
     return run(sides[0], sides[1], sides_named=("", ""), **options)
 
 
+def run_trace(args):
+    from .trace import note_unplaced, write_trace
+    report = load_report(args.file)
+    name = display_name(args.file)
+    warn_about(report, name)
+    note_unplaced(write_trace(report, name, args.output), name)
+    return 0
+
+
 FIELDS_HELP = ("comma-separated names or shell patterns, as the CSV header or the dotted JSON "
                "keys give them")
 
 
 def parser():
-    p = argparse.ArgumentParser(prog=PROG, description="Summaries, plots and "
-                                "comparisons of emberline report files (CSV or JSON lines).")
+    p = argparse.ArgumentParser(prog=PROG, description="Summaries, plots, comparisons "
+                                "and Perfetto traces of emberline report files (CSV or JSON "
+                                "lines).")
     commands = p.add_subparsers(dest="command", required=True)
     s = commands.add_parser("summary", help="statistics and energy of every numeric field")
     s.add_argument("file", help="report file, or - for standard input")
@@ -91,6 +101,11 @@ def parser():
                         "(watched: the --fields, or raw and smoothed power)")
     c.add_argument("--plot", metavar="OUT", help="image of the watched fields: .png or .svg")
     c.set_defaults(run=run_compare)
+    t = commands.add_parser("trace", help="every numeric field as a counter track of a Perfetto "
+                            "trace, at each report's device_timestamp")
+    t.add_argument("file", help="report file, or - for standard input")
+    t.add_argument("-o", "--output", required=True, help="trace to write (.perfetto-trace)")
+    t.set_defaults(run=run_trace)
     return p
 
 
