@@ -47,6 +47,20 @@ def run_compare(args):
         raise ReportError("--fail-above takes a percentage: %s" % args.fail_above)
     options = dict(patterns=patterns, as_json=args.json, fail_above=args.fail_above,
                    plot_out=args.plot)
+    if args.db is not None:
+        if args.files or args.vs:
+            raise ReportError("compare takes files (A... --vs B...) or --db, not both")
+        if not args.a or not args.b:
+            raise ReportError("compare --db needs the labels of both sides: --a KEY=VALUE... "
+                              "--b KEY=VALUE...")
+        from .store import labels_text, open_store, parse_labels
+        a_labels, b_labels = parse_labels(args.a), parse_labels(args.b)
+        with open_store(args.db, create=False) as store:
+            a_runs, b_runs = store.runs_for_sides(a_labels, b_labels)
+            return run(a_runs, b_runs, sides_named=(" with " + labels_text(a_labels),
+                                                   " with " + labels_text(b_labels)), **options)
+    if args.a or args.b:
+        raise ReportError("--a and --b choose runs of a store: give --db too")
     if not args.files or not args.vs:
         raise ReportError("compare needs files on both sides: A... --vs B...")
     sides = []
@@ -69,6 +83,22 @@ def run_trace(args):
     return 0
 
 
+def run_store_add(args):
+    from .store import add_files, parse_labels
+    labels = parse_labels(args.label)
+    refused = add_files(args.db, args.files, labels, sys.stdout, sys.stderr)
+    return 2 if refused else 0
+
+
+def run_store_list(args):
+    from .store import list_text, open_store, parse_labels
+    labels = parse_labels(args.label)
+    with open_store(args.db, create=False) as store:
+        runs = store.runs(store.matching(labels))
+    print(json.dumps({"runs": runs}) if args.json else list_text(runs))
+    return 0
+
+
 FIELDS_HELP = ("comma-separated names or shell patterns, as the CSV header or the dotted JSON "
                "keys give them")
 
@@ -76,7 +106,7 @@ FIELDS_HELP = ("comma-separated names or shell patterns, as the CSV header or th
 def parser():
     p = argparse.ArgumentParser(prog=PROG, description="Summaries, plots, comparisons "
                                 "and Perfetto traces of emberline report files (CSV or JSON "
-                                "lines).")
+                                "lines), and a store of runs.")
     commands = p.add_subparsers(dest="command", required=True)
     s = commands.add_parser("summary", help="statistics and energy of every numeric field")
     s.add_argument("file", help="report file, or - for standard input")
@@ -90,9 +120,15 @@ def parser():
     g.set_defaults(run=run_plot)
     c = commands.add_parser(
         "compare", help="does B differ from A? means, deltas and 95%% intervals of every field",
-        usage="%(prog)s A... --vs B... [options]")
+        usage="%(prog)s A... --vs B... [options]\n       %(prog)s --db DB --a KEY=VALUE... "
+              "--b KEY=VALUE... [options]")
     c.add_argument("files", nargs="*", metavar="A", help="report files of side A, the baseline")
     c.add_argument("--vs", nargs="+", metavar="B", help="report files of side B")
+    c.add_argument("--db", help="a store of runs: an SQLite file or a postgresql:// URL")
+    c.add_argument("--a", nargs="+", action="extend", metavar="KEY=VALUE",
+                   help="labels of side A's runs in the store")
+    c.add_argument("--b", nargs="+", action="extend", metavar="KEY=VALUE",
+                   help="labels of side B's runs in the store")
     c.add_argument("--fields", action="append",
                    help=FIELDS_HELP + " (default: every numeric field both sides have)")
     c.add_argument("--json", action="store_true", help="print one JSON object")
@@ -106,6 +142,21 @@ def parser():
     t.add_argument("file", help="report file, or - for standard input")
     t.add_argument("-o", "--output", required=True, help="trace to write (.perfetto-trace)")
     t.set_defaults(run=run_trace)
+    st = commands.add_parser("store", help="a store of runs: SQLite in a file, or PostgreSQL")
+    store_commands = st.add_subparsers(dest="store_command", required=True)
+    DB_HELP = "an SQLite file, made on first use, or a postgresql:// URL"
+    sa = store_commands.add_parser("add", help="import report files, each as one run")
+    sa.add_argument("db", metavar="DB", help=DB_HELP)
+    sa.add_argument("files", nargs="+", metavar="FILE", help="report files")
+    sa.add_argument("--label", action="append", metavar="KEY=VALUE",
+                    help="a label of every run added, e.g. build=1234 (may be repeated)")
+    sa.set_defaults(run=run_store_add)
+    sl = store_commands.add_parser("list", help="the runs and their labels")
+    sl.add_argument("db", metavar="DB", help=DB_HELP)
+    sl.add_argument("--label", action="append", metavar="KEY=VALUE",
+                    help="only runs with this label (may be repeated)")
+    sl.add_argument("--json", action="store_true", help="print one JSON object")
+    sl.set_defaults(run=run_store_list)
     return p
 
 

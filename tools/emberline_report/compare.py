@@ -50,7 +50,7 @@ def row(unit, a_mean, b_mean, interval):
 
 def one_run_row(name, a_run, b_run):
     a, b = a_run.readings(name), b_run.readings(name)
-    a_mean, b_mean = mean(list(a)), mean(list(b))
+    a_mean, b_mean = mean(a), mean(b)
     interval = difference_interval(dependent_mean(a), dependent_mean(b))
     return row(unit_of(name), a_mean, b_mean, interval)
 

@@ -115,7 +115,8 @@ def dependent_mean(readings):
     n = len(x)
     if n < MIN_READINGS:
         return None
-    mean = float(x.mean())
+    # The same mean as the one shown beside the interval, to the last bit.
+    mean = math.fsum(readings) / n
     sums = autocovariances(x)
     if sums[0] <= 0.0:
         return Estimate(mean, 0.0, float(n - 1))

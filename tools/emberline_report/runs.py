@@ -1,7 +1,5 @@
 """A run as `compare` sees it, whether it comes from a report file or from the store."""
 
-import numpy as np
-
 from .fields import series
 from .stats import energy_j, mean
 from .units import is_integrated
@@ -26,7 +24,7 @@ class FileRun:
         return self._series[name]
 
     def readings(self, name):
-        return np.array([r for _, r in self.series(name) if r is not None], dtype=float)
+        return [r for _, r in self.series(name) if r is not None]
 
     def mean(self, name):
         return mean([r for _, r in self.series(name) if r is not None])
