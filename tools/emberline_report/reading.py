@@ -113,7 +113,10 @@ class Report:
     def field_times(self, name):
         """The `timestamp` of each report that has the field."""
         times = self.times
-        return [times[i] for i in self.columns[name][0]]
+        indexes = self.columns[name][0]
+        if len(indexes) == len(times):
+            return list(times)
+        return [times[i] for i in indexes]
 
     def device_times(self, name):
         """The `device_timestamp` of each report that has the field, None where it has none."""
@@ -184,6 +187,7 @@ def parse_csv_line(header, text):
     if len(cells) != len(header):
         raise ValueError("cell count")
     flat = {}
+    isfinite = math.isfinite
     for name, cell in zip(header, cells):
         if cell[:1] == "{":
             try:
@@ -194,7 +198,13 @@ def parse_csv_line(header, text):
                 # A map cell: its entries become fields of their own, as they do in JSON.
                 flatten(name + ".", node, flat)
                 continue
-        flat[name] = number_or_text(cell)
+        # number_or_text, written out: this runs for every cell of a long run.
+        try:
+            number = float(cell)
+        except ValueError:
+            flat[name] = None if cell == "null" else cell
+            continue
+        flat[name] = number if isfinite(number) else None
     return flat
 
 

@@ -2,15 +2,18 @@
 
 import math
 
-from .fields import series
 from .stats import energy_j, percentile
-from .units import is_integrated, unit_of
+from .units import is_integrated, scale_of, unit_of
 
 
 def field_summary(report, name):
-    points = series(report, name)
-    readings = sorted(r for _, r in points if r is not None)
-    row = {"unit": unit_of(name), "count": len(readings), "nulls": len(points) - len(readings)}
+    raw = report.readings(name)
+    scale = scale_of(name)
+    present = [r for r in raw if r is not None]
+    if scale != 1.0:
+        present = [r * scale for r in present]
+    readings = sorted(present)
+    row = {"unit": unit_of(name), "count": len(readings), "nulls": len(raw) - len(readings)}
     if readings:
         row.update(mean=math.fsum(readings) / len(readings), min=readings[0],
                    median=percentile(readings, 0.5), p95=percentile(readings, 0.95),
@@ -18,7 +21,10 @@ def field_summary(report, name):
     else:
         row.update(mean=None, min=None, median=None, p95=None, max=None)
     if is_integrated(name):
-        joules = energy_j([t for t, _ in points], [r for _, r in points])
+        times = report.field_times(name)
+        if len(present) != len(raw):
+            times = [t for t, r in zip(times, raw) if r is not None]
+        joules = energy_j(times, present)
         row["energy_j"] = joules
         row["energy_wh"] = None if joules is None else joules / 3600.0
     return row
