@@ -1,7 +1,5 @@
 """The few protobuf wire-format writers a Perfetto trace needs."""
 
-import struct
-
 VARINT = 0
 FIXED64 = 1
 LENGTH_DELIMITED = 2
@@ -22,10 +20,6 @@ def tag(field, wire_type):
 
 def uint(field, value):
     return tag(field, VARINT) + varint(value)
-
-
-def double(field, value):
-    return tag(field, FIXED64) + struct.pack("<d", value)
 
 
 def message(field, body):
