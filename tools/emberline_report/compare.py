@@ -103,10 +103,10 @@ def above(result, names, percent):
     """The watched fields that are higher by more than `percent`, with their delta_pct."""
     found = []
     for name in names:
-        row_ = result["fields"][name]
-        if row_["verdict"] == "higher" and row_["delta_pct"] is not None and \
-                row_["delta_pct"] > percent:
-            found.append((name, row_["delta_pct"]))
+        figures = result["fields"][name]
+        if figures["verdict"] == "higher" and figures["delta_pct"] is not None and \
+                figures["delta_pct"] > percent:
+            found.append((name, figures["delta_pct"]))
     return found
 
 
@@ -177,8 +177,8 @@ def run(a_runs, b_runs, patterns, as_json, fail_above, plot_out, sides_named):
     sys.stdout.flush()
     if plot_out is not None:
         from .plot import plot_sides
-        sides = {"A": [{name: run.series(name) for name in watched} for run in a_runs],
-                 "B": [{name: run.series(name) for name in watched} for run in b_runs]}
+        sides = {"A": [{name: each.series(name) for name in watched} for each in a_runs],
+                 "B": [{name: each.series(name) for name in watched} for each in b_runs]}
         plot_sides(watched, sides, "B against A", plot_out)
     if fail_above is not None:
         found = above(result, watched, fail_above)

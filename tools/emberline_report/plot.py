@@ -2,6 +2,7 @@
 
 import math
 
+from .reading import ReportError
 from .units import unit_of
 
 PANEL_HEIGHT_IN = 2.6
@@ -17,6 +18,13 @@ def new_figure(width_in, height_in):
     matplotlib.use("Agg")
     from matplotlib.figure import Figure
     return Figure(figsize=(width_in, height_in), dpi=DPI, layout="constrained")
+
+
+def save(figure, out):
+    try:
+        figure.savefig(out, dpi=DPI)
+    except OSError as e:
+        raise ReportError("cannot write %s: %s" % (out, e.strerror))
 
 
 def plot_run(series_by_name, title, out):
@@ -39,7 +47,7 @@ def plot_run(series_by_name, title, out):
         ax.legend(loc="best", fontsize="small")
     axes[0].set_title(title)
     axes[-1].set_xlabel("time from the start (s)")
-    figure.savefig(out, dpi=DPI)
+    save(figure, out)
 
 
 SIDE_COLOURS = {"A": "tab:blue", "B": "tab:orange"}
@@ -84,4 +92,4 @@ def plot_sides(fields, sides, title, out):
             over_time.set_title(title)
             spread.set_title("readings")
     over_time.set_xlabel("time from the start (s)")
-    figure.savefig(out, dpi=DPI)
+    save(figure, out)

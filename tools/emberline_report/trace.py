@@ -133,7 +133,6 @@ def timestamp_field(nanoseconds):
     return uint(PACKET_TIMESTAMP, nanoseconds)
 
 
-
 def report_times(report):
     """Each report's device_timestamp in nanoseconds, None where it has none."""
     stamps = [None] * len(report.times)
