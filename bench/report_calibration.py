@@ -5,26 +5,18 @@ marginal standard deviation is 10% of the mean, seeded so that every run prints 
 The test suite runs a smaller version of the first and shift rows
 (tests/report/compare_test.py)."""
 
-import math
 import sys
 from pathlib import Path
 
 import numpy as np
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tools"))
+ROOT = Path(__file__).resolve().parents[1]
+sys.path[:0] = [str(ROOT / "tools"), str(ROOT / "tests" / "report")]
+from compare_test import ar1  # noqa: E402  (the series the test suite calibrates on)
 from emberline_report import inference  # noqa: E402
 
 MEAN = 4.0
 SD = 0.4
-
-
-def ar1(rng, count, n, phi, mean):
-    x = np.empty((count, n))
-    x[:, 0] = rng.standard_normal(count) * SD
-    shocks = rng.standard_normal((count, n)) * SD * math.sqrt(1 - phi * phi)
-    for i in range(1, n):
-        x[:, i] = phi * x[:, i - 1] + shocks[:, i]
-    return mean + x
 
 
 def one_run_a_side(pairs, n, phi, shift, seed, chunk=500):
@@ -35,8 +27,8 @@ def one_run_a_side(pairs, n, phi, shift, seed, chunk=500):
     without = independent = 0
     for start in range(0, pairs, chunk):
         count = min(chunk, pairs - start)
-        a = ar1(rng, count, n, phi, MEAN)
-        b = ar1(rng, count, n, phi, MEAN * (1 + shift))
+        a = ar1(rng, count, n, phi, MEAN, SD)
+        b = ar1(rng, count, n, phi, MEAN * (1 + shift), SD)
         for x, y in zip(a, b):
             interval = inference.difference_interval(inference.dependent_mean(x),
                                                      inference.dependent_mean(y))
@@ -49,7 +41,7 @@ def one_run_a_side(pairs, n, phi, shift, seed, chunk=500):
 
 def several_runs_a_side(cases, runs, n, phi, seed):
     rng = np.random.default_rng(seed)
-    means = ar1(rng, cases * 2 * runs, n, phi, MEAN).mean(axis=1).reshape(cases, 2, runs)
+    means = ar1(rng, cases * 2 * runs, n, phi, MEAN, SD).mean(axis=1).reshape(cases, 2, runs)
     verdicts = [inference.verdict(inference.difference_interval(
         inference.independent_mean(list(a)), inference.independent_mean(list(b))))
         for a, b in means]

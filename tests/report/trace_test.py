@@ -1,9 +1,7 @@
 """tools/emberline-report trace: decoded with protoc against upstream Perfetto's schema, every
 value of the report file stands on its field's track at its report's time, and nothing else."""
 
-import csv
-import json
-import math
+import codecs
 import re
 import shutil
 import subprocess
@@ -16,7 +14,8 @@ ROOT = Path(__file__).resolve().parents[2]
 TOOL = str(ROOT / "tools" / "emberline-report")
 DATA = Path(__file__).resolve().parent / "data"
 PROTO_DIR = ROOT.parent / "shared" / "perfetto"
-TIME_FIELDS = ("sequence", "timestamp", "device_timestamp")
+sys.path.insert(0, str(ROOT / "tools"))
+from emberline_report.reading import TIME_FIELDS, load_report  # noqa: E402
 
 # Map keys that come and go, a null, a bare nan, text in a numeric field, a fraction, a report
 # whose device_timestamp is null, and a cut-off last line.
@@ -28,94 +27,34 @@ CRAFTED = """sequence,timestamp,device_timestamp,power.raw,stats.gpu.util,raveli
 5,5.000,1795434005.00"""
 
 
-def unescape(quoted):
-    """A string as protoc's text format prints it: C escapes, octal for other bytes."""
-    out = bytearray()
-    body = quoted[1:-1]
-    i = 0
-    while i < len(body):
-        c = body[i]
-        if c != "\\":
-            out += c.encode("utf-8")
-            i += 1
-            continue
-        nxt = body[i + 1]
-        if nxt in "01234567":
-            digits = re.match(r"[0-7]{1,3}", body[i + 1:]).group()
-            out.append(int(digits, 8))
-            i += 1 + len(digits)
-        else:
-            out += {"n": b"\n", "r": b"\r", "t": b"\t"}.get(nxt, nxt.encode())
-            i += 2
-    return out.decode("utf-8")
-
-
 def parse_text_format(text):
-    """protoc's decoded text as nested dicts of lists."""
+    """protoc's decoded text as nested dicts of lists; strings are C-escaped bytes."""
     root = {}
     stack = [root]
     for line in text.splitlines():
         line = line.strip()
         if line.endswith("{"):
-            child = {}
-            stack[-1].setdefault(line[:-1].strip(), []).append(child)
-            stack.append(child)
+            stack[-1].setdefault(line[:-1].strip(), []).append({})
+            stack.append(stack[-1][line[:-1].strip()][-1])
         elif line == "}":
             stack.pop()
         elif line:
             key, value = line.split(": ", 1)
-            stack[-1].setdefault(key, []).append(unescape(value) if value.startswith('"')
-                                                 else value)
+            if value.startswith('"'):
+                value = codecs.escape_decode(value[1:-1])[0].decode("utf-8")
+            stack[-1].setdefault(key, []).append(value)
     return root
 
 
-def flatten(prefix, node, out):
-    for key, value in node.items():
-        if isinstance(value, dict):
-            flatten(prefix + key + ".", value, out)
-        else:
-            out[prefix + key] = value
-
-
-def number(value):
-    """A reading as the trace must carry it, or None for a gap."""
-    if isinstance(value, bool) or value is None:
-        return None
-    try:
-        value = float(value)
-    except (TypeError, ValueError):
-        return None
-    return value if math.isfinite(value) else None
-
-
 def expected_events(path):
-    """(field, nanoseconds, value) of every number in the file, read without the tool's code."""
-    lines = Path(path).read_text().split("\n")[:-1]
-    reports = []
-    if path.suffix == ".csv":
-        for row in csv.DictReader(lines):
-            flat = {}
-            for name, cell in row.items():
-                if cell.startswith("{"):
-                    flatten(name + ".", json.loads(cell), flat)
-                else:
-                    flat[name] = cell
-            reports.append(flat)
-    else:
-        for line in lines:
-            flat = {}
-            flatten("", json.loads(re.sub(r"(?<=[:,\[])-?(nan|inf)(?=[,}\]])", "null", line)),
-                    flat)
-            reports.append(flat)
-    events = []
-    for flat in reports:
-        stamp = number(flat.get("device_timestamp"))
-        if stamp is None:
-            continue
-        for name, value in flat.items():
-            if name not in TIME_FIELDS and number(value) is not None:
-                events.append((name, round(stamp * 1e6) * 1000, number(value)))
-    return sorted(events)
+    """(field, nanoseconds, value) of every number of the file at a report's device_timestamp."""
+    report = load_report(str(path))
+    stamps = dict(zip(*report.columns["device_timestamp"]))
+    return sorted((name, round(stamps[i] * 1e6) * 1000, value)
+                  for name, (indexes, readings) in report.columns.items()
+                  if name not in TIME_FIELDS
+                  for i, value in zip(indexes, readings)
+                  if type(value) is float and stamps.get(i) is not None)
 
 
 def missing():
@@ -130,11 +69,11 @@ def missing():
 class TraceTest(unittest.TestCase):
     def setUp(self):
         self.dir = tempfile.TemporaryDirectory()
+        self.addCleanup(self.dir.cleanup)
 
-    def tearDown(self):
-        self.dir.cleanup()
-
-    def decode(self, report):
+    def check(self, report):
+        """Decodes the trace of `report`, checks its structure and values, and returns its
+        events as (field, time, value) and the tool's standard error."""
         out = Path(self.dir.name, report.name + ".perfetto-trace")
         r = subprocess.run([TOOL, "trace", str(report), "-o", str(out)], capture_output=True,
                            text=True, timeout=120)
@@ -144,20 +83,13 @@ class TraceTest(unittest.TestCase):
                                 "--decode=perfetto.protos.Trace", "perfetto_trace.proto"],
                                stdin=trace, capture_output=True, text=True, timeout=120)
         self.assertEqual(d.returncode, 0, d.stderr)
-        unknown = re.findall(r"^\s*\d+\s*[:{].*$", d.stdout, re.M)
-        self.assertEqual(unknown, [], "fields upstream does not define")
-        return parse_text_format(d.stdout)["packet"], r.stderr
-
-    def check(self, report):
-        """Checks the trace of `report` and returns its events as (field, time, value)."""
-        packets, err = self.decode(report)
+        self.assertEqual(re.findall(r"^\s*\d+\s*[:{].*$", d.stdout, re.M), [],
+                         "fields upstream does not define")
+        packets = parse_text_format(d.stdout)["packet"]
         self.assertEqual({p["trusted_packet_sequence_id"][0] for p in packets}, {"1"})
-        first = packets[0]
-        self.assertEqual((first["sequence_flags"], first["clock_snapshot"][0]
+        self.assertEqual((packets[0]["sequence_flags"], packets[0]["clock_snapshot"][0]
                           ["primary_trace_clock"]), (["1"], ["BUILTIN_CLOCK_REALTIME"]))
-        tracks = {}
-        parent = None
-        events = []
+        tracks, parent, events = {}, None, []
         for p in packets[1:]:
             if "track_descriptor" in p:
                 d = p["track_descriptor"][0]
@@ -166,8 +98,8 @@ class TraceTest(unittest.TestCase):
                     self.assertNotIn(d["name"][0], tracks.values())
                     tracks[d["uuid"][0]] = d["name"][0]
                 else:
-                    self.assertIsNone(parent, "one track for the report")
-                    self.assertEqual(d["name"], [report.name])
+                    self.assertEqual((parent, d["name"]), (None, [report.name]),
+                                     "one track for the report")
                     parent = d["uuid"][0]
             else:
                 e = p["track_event"][0]
@@ -177,7 +109,7 @@ class TraceTest(unittest.TestCase):
                                float(e["double_counter_value"][0])))
         self.assertEqual(sorted(events), expected_events(report))
         self.assertEqual(events, sorted(events, key=lambda e: e[1]), "events in time order")
-        return events, err
+        return events, r.stderr
 
     def test_every_profile_and_format(self):
         for report in sorted(DATA.glob("all-*")):
@@ -196,6 +128,7 @@ class TraceTest(unittest.TestCase):
         self.assertEqual([(n, v) for n, _, v in events if n.startswith("credits")],
                          [("credits.CPU.sh", 12.0), ("credits.CPU.zygote", 1.0),
                           ("credits.CPU.sh", 4.0), ("credits.CPU.zygote", 3.0)])
+        self.assertEqual([v for n, _, v in events if n == "ravelin.fps"], [72.0, 70.0])
         # Fractions stay fractions, as the file has them.
         self.assertIn(("stats.gpu.util", 1795434004250000000, 0.125), events)
 
