@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds everything and runs emberline for about ten seconds in the simulated headset.
+# Builds everything, runs emberline for about ten seconds in the simulated headset, then compares
+# two short runs of different workloads.
 #   demo.sh [SIM OPTIONS] [-- EMBERLINE OPTIONS]
 # e.g. demo.sh --profile fennick -- -c --json
 set -euo pipefail
@@ -66,4 +67,28 @@ if [[ -n "$report_ext" && -s "$state/data/local/tmp/emberline-demo.$report_ext" 
 else
   echo "No CSV or JSON report file to summarise in this run." >&2
 fi
+
+# Last, two short runs of different workloads (the simulated headset's seed draws its idle and
+# busy phases), reported every 100 ms, and whether the second draws more power than the first.
+profile=()
+for ((i = 0; i < ${#sim_args[@]}; i++)); do
+  case "${sim_args[i]}" in
+    --profile) profile=(--profile "${sim_args[i + 1]-}") ;;
+    --profile=*) profile=("${sim_args[i]}") ;;
+  esac
+done
+workloads=()
+for seed in 1 3; do
+  workload_state=$demo_dir/workload-$seed
+  rm -rf "$workload_state"
+  build/normal/sim/emberline-sim run "${profile[@]}" --seed "$seed" --state "$workload_state" -- \
+    "$tool" -t 10 -s 50 -o 100 -q --csv --file "/data/local/tmp/workload-$seed.csv" || status=$?
+  cp "$workload_state/data/local/tmp/workload-$seed.csv" "$demo_dir/" || status=1
+  workloads+=("$demo_dir/workload-$seed.csv")
+done
+echo
+echo "Two workloads compared (seeds 1 and 3, 10 s each):"
+tools/emberline-report compare "${workloads[0]}" --vs "${workloads[1]}" \
+  --plot "$demo_dir/workload-compare.png" | tee "$demo_dir/workload-compare.txt" &&
+  echo "Plot: $demo_dir/workload-compare.png" || status=1
 exit "$status"

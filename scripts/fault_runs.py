@@ -24,6 +24,11 @@ import time
 
 import simrun
 
+# The companion's reading of report files, so that the fault runs and tools/emberline-report hold
+# a report to the same rules.
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tools"))
+from emberline_report import reading  # noqa: E402
+
 PLUGIN_SETS = {
     "generic": [["--all"], ["--stats"], ["--stats", "--cycle"], ["--credits"], ["--thermals"],
                 ["--dsp-trace"], ["--ravelin", "--dsp"], ["--example"]],
@@ -306,7 +311,7 @@ def report_problems(text, fmt, truncated_tail_ok):
                 problems.append(f"row {n + 1} has {len(row)} cells, header {width}")
     elif fmt == "json":
         # A float that is not a number stands bare as nan or inf, as in the other forms.
-        text = re.sub(r"(?<=[:\[,])-?(nan|inf)(?=[,}\]])", "null", text)
+        text = reading.unbare_nonfinite(text)
         decoder, pos, n = json.JSONDecoder(strict=False), 0, 0
         while pos < len(text):
             n += 1
@@ -675,7 +680,7 @@ def judge(plan, run, code, state, initial, outcome):
         where = os.path.join(state, name) if plan.fault == "disk" else host_path(
             state, plan.report_path())
         if os.path.exists(where):
-            text = open(where, "rb").read().decode(errors="replace")
+            text = reading.read_text(where)
             for problem in report_problems(text, plan.format, killed or plan.fault == "disk"):
                 check(False, "report: " + problem)
             if plan.fault == "disk":

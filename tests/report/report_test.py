@@ -76,7 +76,9 @@ class ReportTest(unittest.TestCase):
                                     ("summary -", '{"a":1}\n', "no line holds a report with a timestamp"),
                                     ("summary -", "sequence: 1 | timestamp: 1.000\n", "line 1 is neither"),
                                     ("plot - -o x.png --fields power.raw,power.volt*", CSV,
-                                     "no numeric field matches 'power.volt*'")):
+                                     "no numeric field matches 'power.volt*'"),
+                                    ("plot - -o /nonexistent/x.png", CSV,
+                                     "cannot write /nonexistent/x.png: No such file")):
             with self.subTest(message=message):
                 code, out, err = run(*args.split(), text=text)
                 self.assertEqual((code, out, err.count("\n")), (2, "", 1), err)
