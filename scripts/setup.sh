@@ -9,7 +9,6 @@ packages=(
   bubblewrap
   protobuf-compiler
   python3-matplotlib python3-numpy
-  protobuf-compiler
   postgresql python3-psycopg2
   sysstat
   clang libclang-rt-14-dev
