@@ -6,10 +6,11 @@
       descriptions, units, separators, log tags, file names, trace names), one per line as
       FILE:LINE<TAB>TEXT, and where each stands: a golden file, a test source, or nowhere.
       --all lists the literals it leaves out as well (paths it opens, formats it parses...).
-  text-faults.py plant [--sample N] [--seed S] [--build DIR]
-      Changes one character in each of N printed literals drawn with seed S, one at a time:
-      rebuilds, runs the golden tests and then the rest of the suite until one fails, and
-      restores the file. Prints one line per fault and fails if any went unnoticed.
+  text-faults.py plant [--sample N] [--seed S] [--build DIR] [--at FILE:LINE ...]
+      Changes one character in each of N printed literals drawn with seed S (or in those on the
+      lines given), one at a time: rebuilds, runs the golden tests and then the rest of the
+      suite until one fails, and restores the file. Prints one line per fault with the test that
+      caught it, and fails if any went unnoticed.
 
 The source is restored after each fault, also on an interruption; run it on a clean work tree.
 """
@@ -161,8 +162,22 @@ def run(cmd, cwd):
                           check=False).returncode
 
 
-def plant(sample, seed, build):
-    chosen = random.Random(seed).sample(list(printed_literals()), sample)
+def first_failure(cmd, cwd):
+    """The name of the first test that failed, or None when all passed."""
+    done = subprocess.run(cmd, cwd=cwd, capture_output=True, text=True, check=False)
+    if done.returncode == 0:
+        return None
+    failed = re.findall(r'^\s*\d+ - (\S+) \(', done.stdout, re.M)
+    return failed[0] if failed else 'ctest failed'
+
+
+def plant(sample, seed, build, at):
+    candidates = list(printed_literals())
+    if at:
+        chosen = [c for c in candidates if f'{c[0]}:{c[1]}' in at]
+        sample = len(chosen)
+    else:
+        chosen = random.Random(seed).sample(candidates, sample)
     missed = 0
     for n, (path, line, text, offset) in enumerate(chosen, 1):
         source = ROOT / path
@@ -172,21 +187,21 @@ def plant(sample, seed, build):
         # The golden files need the tool alone; most faults end there, before the long build.
         build_tool = ['nice', 'cmake', '--build', build, '-j2', '--target', 'emberline']
         try:
+            failed = None
             if run(build_tool, ROOT) != 0:
-                verdict = 'caught (build)'
-            elif run(['ctest', '-R', '^Golden', '-j2', '--timeout', '300'], build) != 0:
-                verdict = 'caught (golden)'
-            elif run(['nice', 'cmake', '--build', build, '-j2'], ROOT) != 0:
-                verdict = 'caught (build)'
-            elif run(['ctest', '-E', '^(Fuzz|Golden|Sandbox|Report|Layers)', '-j2',
-                      '--timeout', '300', '--stop-on-failure'], build) != 0:
-                verdict = 'caught (tests)'
+                failed = 'the build'
             else:
-                verdict = 'MISSED'
-                missed += 1
+                failed = first_failure(['ctest', '-R', '^Golden', '-j2', '--timeout', '300'], build)
+            if failed is None and run(['nice', 'cmake', '--build', build, '-j2'], ROOT) != 0:
+                failed = 'the build'
+            if failed is None:
+                failed = first_failure(['ctest', '-E', '^(Fuzz|Golden|Sandbox|Report|Layers)',
+                                        '-j2', '--timeout', '300', '--stop-on-failure'], build)
+            verdict = f'caught by {failed}' if failed else 'MISSED'
+            missed += failed is None
         finally:
             source.write_text(original)
-        print(f'{n:2} {verdict:15} {path}:{line} "{text}" -> "{changed}"', flush=True)
+        print(f'{n:2} {path}:{line} "{text}" -> "{changed}": {verdict}', flush=True)
     # The last fault's objects must not outlive it.
     run(['touch'] + sorted({str(ROOT / c[0]) for c in chosen}), ROOT)
     run(['cmake', '--build', build, '-j2'], ROOT)
@@ -203,11 +218,13 @@ def main():
     planting.add_argument('--sample', type=int, default=30)
     planting.add_argument('--seed', type=int, default=27)
     planting.add_argument('--build', default=str(ROOT / 'build/normal'))
+    planting.add_argument('--at', action='append', default=[], metavar='FILE:LINE',
+                          help='the literals on these lines instead of a sample')
     args = parser.parse_args()
     if args.command == 'list':
         list_literals(args.all)
         return 0
-    return plant(args.sample, args.seed, args.build)
+    return plant(args.sample, args.seed, args.build, args.at)
 
 
 if __name__ == '__main__':
