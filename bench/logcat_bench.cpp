@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "device_log.h"
+#include "model.h"
 #include "plugins/logcat_dsp_plugin.h"
 #include "plugins/logcat_ravelin_plugin.h"
 
@@ -30,10 +31,12 @@ struct Log {
   Log() {
     const std::string banner = "--------- beginning of main\n";
     ravelin = tracking = banner;
-    sim::LogActivity activity;
+    sim::DeviceState state;
+    const sim::LogActivity& activity = state.log;
     auto when = std::chrono::system_clock::now() + std::chrono::hours(1);
     for (int i = 0; i < kEntries; ++i) {
-      for (int s = 0; s < 100; ++s) sim::step_log(activity, (i % 37) / 36.0);
+      state.load = (i % 37) / 36.0;
+      for (int s = 0; s < 100; ++s) sim::step_log(state, {}, sim::DeviceModel::kStepSeconds);
       when += std::chrono::milliseconds(100);
       const std::string r =
           sim::log_entry(when, 'I', "Ravelin", 2304, sim::ravelin_message(activity));

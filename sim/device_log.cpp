@@ -11,6 +11,7 @@
 #include <ctime>
 #include <system_error>
 
+#include "model.h"
 #include "sandbox.h"
 
 namespace emberline::sim {
@@ -75,7 +76,9 @@ std::string format(const char* pattern, auto... args) {
 
 }  // namespace
 
-void step_log(LogActivity& log, double load) {
+void step_log(DeviceState& s, const ModelParams&, double) {
+  LogActivity& log = s.log;
+  const double load = s.load;
   ++log.steps;
   log.frame_load_sum += load;
   log.dsp_load_sum += load;

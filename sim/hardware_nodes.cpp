@@ -3,31 +3,19 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <iterator>
 
 namespace emberline::sim {
 
 namespace {
-
-void add_if_absent(Profile& p, Node node) {
-  bool present = std::any_of(p.nodes.begin(), p.nodes.end(),
-                             [&](const Node& n) { return n.path == node.path; });
-  if (!present) p.nodes.push_back(std::move(node));
-}
-
-Node fixed(std::string path, std::string content) {
-  return {std::move(path), std::move(content), {}, Recording::none};
-}
-
-Node rendered(std::string path, Render render) {
-  return {std::move(path), {}, std::move(render), Recording::none};
-}
 
 std::string integer(double value) {
   return std::to_string(std::llround(value)) + "\n";
 }
 
 // The power-supply class in its own units: tenths of a degree, tenths of a second, micro units,
-// and power in tenths of a microwatt.
+// and power in tenths of a microwatt. The gauge's charge_counter and charge_full are the stats
+// slice's.
 void add_charge_attributes(Profile& p) {
   const std::string battery = "/sys/class/power_supply/battery/";
   const std::string usb = "/sys/class/power_supply/usb/";
@@ -67,16 +55,12 @@ void add_charge_attributes(Profile& p) {
       fixed(battery + "model_name",
             p.device + "_" + std::to_string(std::lround(capacity_uah / 1000)) + "mAh\n"),
       fixed(battery + "charge_full_design", integer(capacity_uah)),
-      fixed(battery + "charge_full", integer(capacity_uah * 0.964)),
       rendered(battery + "status",
                [](const DeviceState& s) {
                  return std::string(s.charging ? "Charging\n" : "Discharging\n");
                }),
       fixed(battery + "cycle_count", "87\n"),
       fixed(battery + "present", "1\n"),
-      rendered(
-          battery + "charge_counter",
-          [capacity_uah](const DeviceState& s) { return integer(s.soc * capacity_uah * 0.964); }),
       fixed(battery + "health", "Good\n"),
       fixed(battery + "charge_control_limit_max", "12\n"),
       rendered(battery + "power_now",
@@ -98,15 +82,9 @@ void add_charge_attributes(Profile& p) {
       rendered(battery + "capacity", [](const DeviceState& s) { return integer(s.soc * 100); }),
       fixed(battery + "type", "Battery\n"),
   };
-  for (Node& node : nodes) add_if_absent(p, std::move(node));
+  p.nodes.insert(p.nodes.end(), std::make_move_iterator(nodes.begin()),
+                 std::make_move_iterator(nodes.end()));
 }
-
-// Watts of a rail: a floor, plus a share of the system's draw above idle.
-struct Rail {
-  const char* name;
-  double floor_w;
-  double per_amp_w;
-};
 
 double rail_watts(const Rail& rail, const DeviceState& s, double idle_a) {
   return rail.floor_w + rail.per_amp_w * std::max(0.0, s.system_a - idle_a);
@@ -114,19 +92,15 @@ double rail_watts(const Rail& rail, const DeviceState& s, double idle_a) {
 
 // Quillon rails under the powercap class, one "epm:<hex>" directory each, in microwatts.
 void add_powercap(Profile& p) {
-  static constexpr Rail kRails[] = {
-      {"apc0", 0.060, 0.55}, {"apc1", 0.020, 0.85}, {"gfx", 0.045, 0.70},    {"ddr", 0.110, 0.30},
-      {"cx", 0.080, 0.20},   {"mx", 0.050, 0.08},   {"display", 0.420, 0.0}, {"cam", 0.160, 0.12},
-  };
   const double idle_a = p.model.power.idle_a;
-  for (std::size_t i = 0; i < std::size(kRails); ++i) {
+  for (std::size_t i = 0; i < p.hardware.powercap.size(); ++i) {
     char dir[64];
     std::snprintf(dir, sizeof dir, "/sys/class/powercap/epm:%zx/", i);
-    const Rail rail = kRails[i];
-    add_if_absent(p, fixed(std::string(dir) + "name", std::string(rail.name) + "\n"));
-    add_if_absent(p, rendered(std::string(dir) + "power_uw", [rail, idle_a](const DeviceState& s) {
-                    return integer(rail_watts(rail, s, idle_a) * 1e6);
-                  }));
+    const Rail& rail = p.hardware.powercap[i];
+    p.nodes.push_back(fixed(std::string(dir) + "name", rail.name + "\n"));
+    p.nodes.push_back(rendered(std::string(dir) + "power_uw", [rail, idle_a](const DeviceState& s) {
+      return integer(rail_watts(rail, s, idle_a) * 1e6);
+    }));
   }
 }
 
@@ -134,81 +108,57 @@ void add_powercap(Profile& p) {
 // sets them, and the sample lists it refreshes at that period while a monitor is on.
 void add_bwmon(Profile& p) {
   const std::string root = "/sys/devices/system/cpu/bw_prof/";
-  add_if_absent(p, {root + "sample_ms",
-                    std::to_string(BwMonState::kDefaultPeriodMs) + "\n",
-                    {},
-                    Recording::latch});
+  p.nodes.push_back(recorded(root + "sample_ms", Recording::latch,
+                             std::to_string(BwMonState::kDefaultPeriodMs) + "\n"));
   for (int m = 0; m < BwMonState::kMonitors; ++m) {
     std::string monitor = root + "bwmon" + std::to_string(m) + "/";
-    add_if_absent(p, fixed(monitor + "client", std::string(bwmon_client(m)) + "\n"));
-    add_if_absent(p, {monitor + "mon_enabled", "0\n", {}, Recording::latch});
-    add_if_absent(p, rendered(monitor + "last_sample", [m](const DeviceState& s) {
-                    const BwMonState::Monitor& mon = s.hardware.bwmon.monitors[m];
-                    std::string text;
-                    char line[64];
-                    for (int k = 0; k < mon.count; ++k) {
-                      int index =
-                          (mon.next - mon.count + k + BwMonState::kKeep) % BwMonState::kKeep;
-                      const BwMonState::Sample& x = mon.ring[index];
-                      std::snprintf(line, sizeof line, "%x\t%x\t%x\t%x\n", x.sequence, x.used_mbps,
-                                    x.available_mbps, x.ddr_mhz);
-                      text += line;
-                    }
-                    return text;
-                  }));
+    p.nodes.push_back(fixed(monitor + "client", std::string(bwmon_client(m)) + "\n"));
+    p.nodes.push_back(recorded(monitor + "mon_enabled", Recording::latch, "0\n"));
+    p.nodes.push_back(rendered(monitor + "last_sample", [m](const DeviceState& s) {
+      const BwMonState::Monitor& mon = s.hardware.bwmon.monitors[m];
+      std::string text;
+      char line[64];
+      for (int k = 0; k < mon.count; ++k) {
+        int index = (mon.next - mon.count + k + BwMonState::kKeep) % BwMonState::kKeep;
+        const BwMonState::Sample& x = mon.ring[index];
+        std::snprintf(line, sizeof line, "%x\t%x\t%x\t%x\n", x.sequence, x.used_mbps,
+                      x.available_mbps, x.ddr_mhz);
+        text += line;
+      }
+      return text;
+    }));
   }
 }
 
-// A Brantley engineering sample's two rail monitors: available_rails names the rails by id,
+// A Brantley engineering sample's rail monitors: available_rails names the rails by id,
 // average_value gives each id's voltage and current in millionths.
-void add_iio_rails(Profile& p) {
-  struct Device {
-    const char* path;
-    Rail rails[4];
-  };
-  static constexpr Device kDevices[] = {
-      {"/sys/bus/iio/devices/iio:device3/",
-       {{"VPH_S7S8S9A", 0.040, 1.10},
-        {"VPH_S10A", 0.015, 0.45},
-        {"VPH_S1S2S3A", 0.210, 0.10},
-        {"VPH_S3C", 0.070, 0.18}}},
-      {"/sys/bus/iio/devices/iio:device4/",
-       {{"VPH_S1S2C", 0.030, 0.75},
-        {"VPH_S7C", 0.025, 0.12},
-        {"S1H", 0.055, 0.16},
-        {"L3A", 0.012, 0.03}}},
-  };
+void add_rail_monitor(Profile& p, const RailMonitor& monitor) {
   constexpr double kRailVolts = 3.8;
   const double idle_a = p.model.power.idle_a;
-  for (const Device& device : kDevices) {
-    std::string rails;
-    for (int id = 0; id < 4; ++id) rails += std::to_string(id) + ":" + device.rails[id].name + "\n";
-    add_if_absent(p, fixed(std::string(device.path) + "available_rails", rails));
-    add_if_absent(p, rendered(std::string(device.path) + "average_value",
-                              [device, idle_a](const DeviceState& s) {
-                                std::string text;
-                                for (int id = 0; id < 4; ++id) {
-                                  double amps =
-                                      rail_watts(device.rails[id], s, idle_a) / kRailVolts;
-                                  text += std::to_string(id) + "," +
-                                          std::to_string(std::llround(kRailVolts * 1e6)) + "," +
-                                          std::to_string(std::llround(amps * 1e6)) + "\n";
-                                }
-                                return text;
-                              }));
+  std::string rails;
+  for (std::size_t id = 0; id < monitor.rails.size(); ++id) {
+    rails += std::to_string(id) + ":" + monitor.rails[id].name + "\n";
   }
+  p.nodes.push_back(fixed(monitor.dir + "available_rails", rails));
+  p.nodes.push_back(
+      rendered(monitor.dir + "average_value", [monitor, idle_a](const DeviceState& s) {
+        std::string text;
+        for (std::size_t id = 0; id < monitor.rails.size(); ++id) {
+          double amps = rail_watts(monitor.rails[id], s, idle_a) / kRailVolts;
+          text += std::to_string(id) + "," + std::to_string(std::llround(kRailVolts * 1e6)) + "," +
+                  std::to_string(std::llround(amps * 1e6)) + "\n";
+        }
+        return text;
+      }));
 }
 
 }  // namespace
 
 void add_hardware(Profile& p) {
-  if (p.device == "fennick") {
-    add_charge_attributes(p);
-    add_powercap(p);
-    add_bwmon(p);
-  } else if (p.device == "brantley") {
-    add_iio_rails(p);
-  }
+  if (p.hardware.charge_attributes) add_charge_attributes(p);
+  add_powercap(p);
+  if (p.hardware.bandwidth_monitors) add_bwmon(p);
+  for (const RailMonitor& monitor : p.hardware.rail_monitors) add_rail_monitor(p, monitor);
 }
 
 }  // namespace emberline::sim

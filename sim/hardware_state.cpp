@@ -83,9 +83,9 @@ std::string_view bwmon_client(int m) {
   return kClients[m];
 }
 
-void step_hardware(HardwareState& hw, const DeviceState& s, double dt) {
-  step_bwmon(hw.bwmon, s, dt);
-  step_charge(hw.charge, s, dt);
+void step_hardware(DeviceState& s, const ModelParams&, double seconds) {
+  step_bwmon(s.hardware.bwmon, s, seconds);
+  step_charge(s.hardware.charge, s, seconds);
 }
 
 void hardware_node_written(HardwareState& hw, std::string_view path, std::string_view bytes) {

@@ -7,6 +7,7 @@
 namespace emberline::sim {
 
 struct DeviceState;
+struct ModelParams;
 
 // The DRAM bandwidth-monitor driver: the period and enables the tool set, and each monitor's
 // recent samples, oldest first once the ring has wrapped.
@@ -48,8 +49,8 @@ struct HardwareState {
   ChargeState charge;
 };
 
-// Advances `hw` by `dt` seconds of a headset that is otherwise in `s`.
-void step_hardware(HardwareState& hw, const DeviceState& s, double dt);
+// Advances the headset's hardware slice by `seconds`, following the rest of its state.
+void step_hardware(DeviceState& state, const ModelParams& params, double seconds);
 
 // What the driver does with bytes the tool wrote into one of its nodes.
 void hardware_node_written(HardwareState& hw, std::string_view path, std::string_view bytes);

@@ -36,7 +36,10 @@ inline constexpr std::uint64_t kRavelinPeriodSteps = 100;
 inline constexpr std::uint64_t kTelemetryPeriodSteps = 20;
 inline constexpr std::uint64_t kChatterPeriodSteps = 50;
 
-// One 10 ms step at the given workload load (0..1).
-void step_log(LogActivity& log, double load);
+struct DeviceState;
+struct ModelParams;
+
+// One 10 ms step at the workload's present load.
+void step_log(DeviceState& state, const ModelParams& params, double seconds);
 
 }  // namespace emberline::sim

@@ -9,6 +9,8 @@ namespace {
 // A draw settles within a few steps of a phase change, as a regulator's output does.
 constexpr double kSmoothing = 0.2;
 constexpr double kSecondsPerHour = 3600.0;
+// Temperatures follow the power of this step, so the power path settles first.
+constexpr SliceStep kSlices[] = {step_stats, step_log, step_thermal, step_hardware, step_proc_tree};
 }  // namespace
 
 DeviceModel::DeviceModel(const ModelParams& params, std::uint64_t seed)
@@ -46,11 +48,7 @@ void DeviceModel::step() {
   state_.soc -= state_.battery_a * kStepSeconds / kSecondsPerHour / p.capacity_ah;
   state_.soc = std::clamp(state_.soc, 0.0, 1.0);
   settle();
-  step_stats(state_.stats, params_.stats, state_.load);
-  step_log(state_.log, state_.load);
-  step_thermal(state_, kStepSeconds);
-  step_hardware(state_.hardware, state_, kStepSeconds);
-  step_proc_tree(params_.threads, state_.threads, state_.load, kStepSeconds);
+  for (SliceStep step : kSlices) step(state_, params_, kStepSeconds);
   ++steps_;
 }
 

@@ -64,6 +64,10 @@ struct DeviceState {
   ProcTreeState threads;
 };
 
+// How every slice of the headset advances: its part of `state` by one step of `seconds`, from the
+// profile's parameters and the rest of the state as the slices before it left it.
+using SliceStep = void (*)(DeviceState& state, const ModelParams& params, double seconds);
+
 // Advances the headset in fixed steps. Deterministic for a seed, and independent of wall time, so
 // tests can drive it step by step.
 class DeviceModel {

@@ -30,10 +30,12 @@ ProcessSpec process(int pid, std::string cmdline, std::vector<ThreadTraits> thre
   return {pid, std::move(cmdline), std::move(threads), std::move(transient_prefix)};
 }
 
+}  // namespace
+
 // A standalone headset's userspace about an hour after boot. Names are what the kernel keeps of
 // them: 15 characters, an app's main thread the tail of its package name.
-const ProcTreeParams& generic_tree() {
-  static const ProcTreeParams tree{
+ProcTreeParams headset_threads(int threads) {
+  ProcTreeParams tree{
       .processes =
           {
               process(2110, "/system/bin/logd\0"s,
@@ -104,11 +106,14 @@ const ProcTreeParams& generic_tree() {
           },
       .clusters = {{0, {300000, 691200, 1190400, 1497600, 1785600}},
                    {4, {710400, 1171200, 1574400, 2016000, 2419200}}},
-      .total_threads = 0,
-      .transient_per_s = 2.0,
+      .total_threads = threads,
+      // More threads start and end, in proportion, in a crowded tree.
+      .transient_per_s = threads == 0 ? 2.0 : 2.0 * (threads / 300.0),
   };
   return tree;
 }
+
+namespace {
 
 double uniform(std::mt19937_64& rng, double low, double high) {
   // Our own mapping from raw bits, as the model does: one seed, one run, on any library.
@@ -157,10 +162,6 @@ const ProcessSpec* find_process(const ProcTreeParams& params, int pid) {
   return nullptr;
 }
 
-bool is_thread_node(const Node& node) {
-  return node.path.starts_with("/proc/") && node.path.find("/task/") != std::string::npos;
-}
-
 }  // namespace
 
 std::string thread_dir(int pid, int tid) {
@@ -205,8 +206,10 @@ ProcTreeState initial_proc_tree(const ProcTreeParams& params, std::uint64_t seed
   return state;
 }
 
-void step_proc_tree(const ProcTreeParams& params, ProcTreeState& state, double load,
-                    double seconds) {
+void step_proc_tree(DeviceState& s, const ModelParams& model, double seconds) {
+  const ProcTreeParams& params = model.threads;
+  ProcTreeState& state = s.threads;
+  const double load = s.load;
   ++state.step;
   std::erase_if(state.threads,
                 [&](const ThreadState& t) { return t.end_step != 0 && t.end_step <= state.step; });
@@ -238,27 +241,13 @@ void step_proc_tree(const ProcTreeParams& params, ProcTreeState& state, double l
 }
 
 void add_proc_tree(Profile& profile) {
-  if (profile.model.threads.processes.empty()) profile.model.threads = generic_tree();
   const ProcTreeParams& params = profile.model.threads;
   for (const ThreadState& t : initial_proc_tree(params, 0).threads) {
     std::string dir = thread_dir(t.pid, t.tid);
-    profile.nodes.push_back({dir + "/comm", t.traits.comm + "\n", {}, Recording::none});
-    profile.nodes.push_back(
-        {dir + "/cmdline", find_process(params, t.pid)->cmdline, {}, Recording::none});
-    profile.nodes.push_back(
-        {dir + "/time_in_state", time_in_state(params, t), {}, Recording::none});
+    profile.nodes.push_back(fixed(dir + "/comm", t.traits.comm + "\n"));
+    profile.nodes.push_back(fixed(dir + "/cmdline", find_process(params, t.pid)->cmdline));
+    profile.nodes.push_back(fixed(dir + "/time_in_state", time_in_state(params, t)));
   }
-}
-
-Profile crowded(const Profile& base, std::string name, int threads) {
-  Profile p = base;
-  p.name = std::move(name);
-  std::erase_if(p.nodes, is_thread_node);
-  p.model.threads.total_threads = threads;
-  // More threads start and end, in proportion.
-  p.model.threads.transient_per_s *= threads / 300.0;
-  add_proc_tree(p);
-  return p;
 }
 
 LiveThreads::LiveThreads(const ProcTreeParams& params, const ProcTreeState& initial,

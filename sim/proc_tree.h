@@ -60,19 +60,21 @@ struct ProcTreeState {
 };
 
 ProcTreeState initial_proc_tree(const ProcTreeParams& params, std::uint64_t seed);
-// One model step of `seconds`, at the headset's load (0..1).
-void step_proc_tree(const ProcTreeParams& params, ProcTreeState& state, double load,
-                    double seconds);
+struct DeviceState;
+struct ModelParams;
+// One model step of `seconds`, at the headset's present load.
+void step_proc_tree(DeviceState& state, const ModelParams& params, double seconds);
 
 std::string thread_dir(int pid, int tid);
 std::string time_in_state(const ProcTreeParams& params, const ThreadState& thread);
 
+// The process tree of a standalone headset. With `threads` above its own count, binder pools pad
+// it to that many, as on a busy headset (what the thread walks are measured on).
+ProcTreeParams headset_threads(int threads = 0);
+
 struct Profile;
 // The tree's files as the profile's nodes, so that a frozen headset has them too.
 void add_proc_tree(Profile& profile);
-// The generic headset with its tree padded to `threads` threads by binder pools: what the
-// thread walks are measured on.
-Profile crowded(const Profile& base, std::string name, int threads);
 
 // Follows the live tree on disk: makes the directories of new threads, removes those of ended
 // ones and rewrites counters that changed in place. Threads appear and vanish by a rename, so a

@@ -28,15 +28,54 @@ struct Node {
   Recording recording = Recording::none;
 };
 
-// A headset: its identity, the files it shows and the quantities that drive them. Everything a
-// subsystem needs is a slice of this table.
+// The ways a slice makes a node: fixed text, text that follows the model, or a node the tool
+// writes into (empty unless given a first content).
+Node fixed(std::string path, std::string content);
+Node rendered(std::string path, Render render);
+Node recorded(std::string path, Recording recording, std::string content = {});
+
+// A power rail: a floor, plus a share of the system's draw above idle, in watts.
+struct Rail {
+  std::string name;
+  double floor_w;
+  double per_amp_w;
+};
+
+// An IIO device that monitors rails, as Brantley's engineering samples carry them.
+struct RailMonitor {
+  std::string dir;  // ends in "/"
+  std::vector<Rail> rails;
+};
+
+// The instrumented hardware and charging nodes that some generations have.
+struct Hardware {
+  bool charge_attributes = false;  // the power-supply attributes of the charge plugin
+  std::vector<Rail> powercap;      // rails under /sys/class/powercap, epm:0 onwards
+  bool bandwidth_monitors = false;
+  std::vector<RailMonitor> rail_monitors;
+};
+
+// The battery gauge: what it says a full battery holds, as a share of the design capacity.
+struct Gauge {
+  double full_share = 1.0;
+};
+
+// A headset: its identity and the traits of its generation, the files it shows and the quantities
+// that drive them. Everything a subsystem needs is a slice of this table.
 struct Profile {
   std::string name;
   std::string device;  // ro.product.device
   ModelParams model;
+  SensorNames sensors;  // the thermal zones' names, zone by zone
+  Gauge gauge;
+  Hardware hardware;
   std::vector<Node> nodes;
   std::vector<std::string> dirs;  // directories that exist even when empty
 };
+
+// Lays out the nodes and directories of a profile given by its traits (its own nodes, if any,
+// come first). Two nodes at one path are an error: one of them would silently win.
+Profile build_profile(Profile traits);
 
 const std::vector<Profile>& profiles();
 const Profile* find_profile(std::string_view name);

@@ -108,28 +108,19 @@ std::string time_in_state(const StatsState& s, const StatsParams& p, std::size_t
   return text;
 }
 
-Node rendered(std::string path, Render render) {
-  return {std::move(path), {}, std::move(render), Recording::none};
-}
-
-Node fixed_node(std::string path, std::string content) {
-  return {std::move(path), std::move(content), {}, Recording::none};
-}
-
 const std::vector<unsigned long> kLittleKhz{300000,  576000,  768000,  1017600,
                                             1248000, 1497600, 1708800, 1804800};
 const std::vector<unsigned long> kBigKhz{710400,  1056000, 1401600, 1766400,
                                          2112000, 2419200, 2841600};
 const std::vector<long> kGpuMhz{257, 345, 427, 499, 585};
 
-StatsParams params_for(const std::string& profile) {
+}  // namespace
+
+StatsParams headset_stats(int big_cores) {
   const ClusterParams little{4, kLittleKhz, 0.04, 0.75, 1.0};
-  // Fennick's big cluster has two cores; generic and brantley have four.
-  const ClusterParams big{profile == "fennick" ? 2 : 4, kBigKhz, 0.015, 0.85, 1.8};
+  const ClusterParams big{big_cores, kBigKhz, 0.015, 0.85, 1.8};
   return {{little, big}, 3600.0, kGpuMhz};
 }
-
-}  // namespace
 
 void init_stats(StatsState& s, const StatsParams& p) {
   s = StatsState{};
@@ -181,7 +172,10 @@ void init_stats(StatsState& s, const StatsParams& p) {
   s.switches = ticks * 77;
 }
 
-void step_stats(StatsState& s, const StatsParams& p, double load) {
+void step_stats(DeviceState& state, const ModelParams& params, double) {
+  StatsState& s = state.stats;
+  const StatsParams& p = params.stats;
+  const double load = state.load;
   std::size_t first = 0;
   unsigned int busy_cores = 0;
   for (std::size_t c = 0; c < p.clusters.size(); ++c) {
@@ -233,7 +227,6 @@ void step_stats(StatsState& s, const StatsParams& p, double load) {
 }
 
 void add_stats_slice(Profile& p) {
-  p.model.stats = params_for(p.name);
   const StatsParams params = p.model.stats;
   p.nodes.push_back(
       rendered("/proc/stat", [](const DeviceState& s) { return proc_stat(s.stats); }));
@@ -247,7 +240,7 @@ void add_stats_slice(Profile& p) {
     for (int k = 0; k < cluster.cores; ++k) {
       cpus += (k == 0 ? "" : " ") + std::to_string(first + static_cast<std::size_t>(k));
     }
-    p.nodes.push_back(fixed_node(policy + "/affected_cpus", cpus + "\n"));
+    p.nodes.push_back(fixed(policy + "/affected_cpus", cpus + "\n"));
     p.nodes.push_back(rendered(
         policy + "/cpuinfo_cur_freq", [c, freqs = cluster.freqs_khz](const DeviceState& s) {
           return std::to_string(freqs[c < s.stats.clusters.size() ? s.stats.clusters[c].row : 0]) +
@@ -274,16 +267,16 @@ void add_stats_slice(Profile& p) {
   }));
 
   // The panel stays lit: a headset in use shows its display.
-  p.nodes.push_back(fixed_node("/sys/class/backlight/panel0-backlight/bl_power", "0\n"));
+  p.nodes.push_back(fixed("/sys/class/backlight/panel0-backlight/bl_power", "0\n"));
 
-  // The gauge counts in micro amp hours and follows the model's state of charge.
-  const double capacity_uah = p.model.power.capacity_ah * 1e6;
+  // The gauge counts in micro amp hours of what the battery holds when full, which a worn battery
+  // has less of than its design, and follows the model's state of charge.
+  const double full_uah = p.model.power.capacity_ah * 1e6 * p.gauge.full_share;
   const std::string battery = "/sys/class/power_supply/battery/";
-  p.nodes.push_back(rendered(battery + "charge_counter", [capacity_uah](const DeviceState& s) {
-    return std::to_string(std::llround(s.soc * capacity_uah)) + "\n";
+  p.nodes.push_back(rendered(battery + "charge_counter", [full_uah](const DeviceState& s) {
+    return std::to_string(std::llround(s.soc * full_uah)) + "\n";
   }));
-  p.nodes.push_back(
-      fixed_node(battery + "charge_full", std::to_string(std::llround(capacity_uah)) + "\n"));
+  p.nodes.push_back(fixed(battery + "charge_full", std::to_string(std::llround(full_uah)) + "\n"));
 }
 
 }  // namespace emberline::sim

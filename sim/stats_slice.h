@@ -54,13 +54,20 @@ struct StatsState {
   std::uint64_t jitter = 0;
 };
 
+// A headset's CPUs and GPU: four little cores and `big_cores` big ones, up for an hour.
+StatsParams headset_stats(int big_cores);
+
 // The counters of a headset that has run `uptime_s`, mostly idle.
 void init_stats(StatsState& state, const StatsParams& params);
 
-// One tick at `load` (0..1): busy phases raise busy ticks, frequencies and GPU load.
-void step_stats(StatsState& state, const StatsParams& params, double load);
+struct DeviceState;
+struct ModelParams;
+// One tick (a step is always one) at the present load: busy phases raise busy ticks, frequencies
+// and GPU load.
+void step_stats(DeviceState& state, const ModelParams& params, double seconds);
 
-// The profile's cpufreq policies, /proc/stat, GPU, backlight and battery gauge nodes.
+// The cpufreq policies of the profile's clusters, /proc/stat, GPU, backlight and its battery
+// gauge's nodes.
 void add_stats_slice(Profile& profile);
 
 }  // namespace emberline::sim

@@ -28,14 +28,14 @@ std::string millidegrees(double celsius) {
 
 }  // namespace
 
-void step_thermal(DeviceState& s, double seconds) {
+void step_thermal(DeviceState& s, const ModelParams&, double seconds) {
   const double above_rest = std::max(0.0, s.system_a * s.battery_v - kRestWatts);
   double hottest_core = 0;
   for (std::size_t i = 0; i < kThermalZones.size(); ++i) {
     const ZoneSpec& z = kThermalZones[i];
     double& t = s.thermal.zone_c[i];
     t = approach(t, z.rest_c + z.c_per_w * above_rest, seconds, z.tau_s);
-    if (z.name.starts_with("cpuss")) hottest_core = std::max(hottest_core, t);
+    if (z.core) hottest_core = std::max(hottest_core, t);
   }
   const double fan_target =
       std::clamp(kFanRestRpm + (hottest_core - kFanStartC) * kFanRpmPerC, kFanRestRpm, kFanMaxRpm);
@@ -46,26 +46,21 @@ void add_thermal(Profile& p) {
   for (std::size_t i = 0; i < kThermalZones.size(); ++i) {
     const ZoneSpec& z = kThermalZones[i];
     const std::string dir = "/sys/class/thermal/thermal_zone" + std::to_string(i) + "/";
-    p.nodes.push_back({dir + "type", std::string(z.name) + "\n", {}, Recording::none});
-    p.nodes.push_back({dir + "temp",
-                       {},
-                       [i](const DeviceState& s) { return millidegrees(s.thermal.zone_c[i]); },
-                       Recording::none});
+    p.nodes.push_back(fixed(dir + "type", p.sensors[i] + "\n"));
+    p.nodes.push_back(rendered(
+        dir + "temp", [i](const DeviceState& s) { return millidegrees(s.thermal.zone_c[i]); }));
     for (std::size_t k = 0; k < z.trips_c.size() && z.trips_c[k] != 0; ++k) {
       const std::string trip = dir + "trip_point_" + std::to_string(k) + "_";
-      p.nodes.push_back({trip + "temp", millidegrees(z.trips_c[k]), {}, Recording::none});
-      p.nodes.push_back({trip + "type", "passive\n", {}, Recording::none});
+      p.nodes.push_back(fixed(trip + "temp", millidegrees(z.trips_c[k])));
+      p.nodes.push_back(fixed(trip + "type", "passive\n"));
     }
   }
   // The fan is the third hwmon device; the PMIC's sensors come first.
-  p.nodes.push_back({"/sys/class/hwmon/hwmon0/name", "pm8150_tz\n", {}, Recording::none});
-  p.nodes.push_back({"/sys/class/hwmon/hwmon3/name", "fan\n", {}, Recording::none});
-  p.nodes.push_back({"/sys/class/hwmon/hwmon3/rpm",
-                     {},
-                     [](const DeviceState& s) {
-                       return std::to_string(std::lround(s.thermal.fan_rpm / 10) * 10) + "\n";
-                     },
-                     Recording::none});
+  p.nodes.push_back(fixed("/sys/class/hwmon/hwmon0/name", "pm8150_tz\n"));
+  p.nodes.push_back(fixed("/sys/class/hwmon/hwmon3/name", "fan\n"));
+  p.nodes.push_back(rendered("/sys/class/hwmon/hwmon3/rpm", [](const DeviceState& s) {
+    return std::to_string(std::lround(s.thermal.fan_rpm / 10) * 10) + "\n";
+  }));
 }
 
 }  // namespace emberline::sim

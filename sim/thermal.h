@@ -1,40 +1,47 @@
 #pragma once
 
 #include <array>
-#include <string_view>
+#include <string>
 
 namespace emberline::sim {
 
 struct DeviceState;
+struct ModelParams;
 struct Profile;
 
 // One thermal zone: where it rests, how far it climbs per watt the system draws above rest, how
-// fast it gets there, and its trip points (0 ends the list).
+// fast it gets there, its trip points (0 ends the list), and whether it is a core's, whose heat
+// drives the fan. Its name is the profile's.
 struct ZoneSpec {
-  std::string_view name;
   double rest_c;
   double c_per_w;
   double tau_s;
   std::array<double, 6> trips_c;
+  bool core = false;
 };
 
-// thermal_zone0, thermal_zone1, ... in this order.
+// thermal_zone0, thermal_zone1, ... in this order: four cores, the CPU's user sensor, two GPU
+// sensors, the battery, two skin sensors, display, camera, crystal and PMIC.
 inline constexpr std::array<ZoneSpec, 14> kThermalZones{{
-    {"cpuss-0", 38.0, 6.0, 2.0, {50, 58, 66, 74, 82, 90}},
-    {"cpuss-1", 38.5, 6.3, 2.0, {50, 58, 66, 74, 82, 90}},
-    {"cpuss-2", 37.5, 5.7, 2.5, {50, 58, 66, 74, 82, 90}},
-    {"cpuss-3", 38.0, 6.1, 2.5, {50, 58, 66, 74, 82, 90}},
-    {"cpu0-usr", 39.0, 6.0, 2.0, {}},
-    {"gpuss-0", 36.0, 5.0, 3.0, {52, 60, 68, 76, 84, 92}},
-    {"gpuss-1", 36.5, 5.2, 3.0, {52, 60, 68, 76, 84, 92}},
-    {"battery", 29.0, 1.6, 40.0, {38, 42, 46}},
-    {"skin-msm", 31.0, 2.4, 15.0, {40, 44, 48}},
-    {"skin-therm", 30.5, 2.0, 20.0, {40, 44, 48}},
-    {"disp-therm", 32.0, 1.2, 10.0, {}},
-    {"camera-therm", 33.0, 0.8, 10.0, {}},
-    {"xo-therm", 30.0, 0.9, 20.0, {}},
-    {"pm8150-tz", 35.0, 1.5, 5.0, {}},
+    {38.0, 6.0, 2.0, {50, 58, 66, 74, 82, 90}, true},
+    {38.5, 6.3, 2.0, {50, 58, 66, 74, 82, 90}, true},
+    {37.5, 5.7, 2.5, {50, 58, 66, 74, 82, 90}, true},
+    {38.0, 6.1, 2.5, {50, 58, 66, 74, 82, 90}, true},
+    {39.0, 6.0, 2.0, {}},
+    {36.0, 5.0, 3.0, {52, 60, 68, 76, 84, 92}},
+    {36.5, 5.2, 3.0, {52, 60, 68, 76, 84, 92}},
+    {29.0, 1.6, 40.0, {38, 42, 46}},
+    {31.0, 2.4, 15.0, {40, 44, 48}},
+    {30.5, 2.0, 20.0, {40, 44, 48}},
+    {32.0, 1.2, 10.0, {}},
+    {33.0, 0.8, 10.0, {}},
+    {30.0, 0.9, 20.0, {}},
+    {35.0, 1.5, 5.0, {}},
 }};
+
+// The name each zone's `type` node gives, zone by zone. The thermal service takes a sensor's kind
+// from how its name begins (cpu, gpu, batt, skin).
+using SensorNames = std::array<std::string, kThermalZones.size()>;
 
 // Fan speed with the cores at rest; it climbs with the hottest core.
 inline constexpr double kFanRestRpm = 1500;
@@ -51,9 +58,9 @@ struct ThermalState {
 };
 
 // Moves every zone and the fan one step of `seconds` towards where the system's power drives them.
-void step_thermal(DeviceState& state, double seconds);
+void step_thermal(DeviceState& state, const ModelParams& params, double seconds);
 
-// The thermal class's zones and the fan's hwmon node.
+// The thermal class's zones, named as the profile names them, and the fan's hwmon node.
 void add_thermal(Profile& profile);
 
 }  // namespace emberline::sim

@@ -33,11 +33,11 @@ TEST(BrantleyRails, ProductionHardwareLeavesTheSectionOutAndRunsOn) {
   std::remove((kDevice4 + "available_rails").c_str());
   auto result = e2e::run({"--no-power", "--all", "-t", "1"});
   EXPECT_EQ(result.exit_code, 0);
-  EXPECT_NE(result.err.find("ERROR: Failed to find rail_file '" + kDevice4 +
+  EXPECT_EQ(result.err, "ERROR: Failed to find rail_file '" + kDevice4 +
                             "average_value'.\nMP (Mass Production) devices are un-supported. Is "
-                            "this 'Engineering Sample' hardware?\n"),
-            std::string::npos)
-      << result.err;
+                            "this 'Engineering Sample' hardware?\nDisabling charging...\n"
+                            "Starting 1 second trace. \nPress CTRL-C to stop...\n\n\n"
+                            "Enabling charging...\n");
   EXPECT_EQ(e2e::section(result.out, "[Rails]"), "");
   EXPECT_NE(e2e::section(result.out, "[Example] "), "");
 }

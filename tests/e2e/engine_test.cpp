@@ -40,9 +40,22 @@ TEST(EndToEnd, SchemaIsPrintedInsteadOfARun) {
             "device_timestamp     :    Device epoch time (measured in seconds)\n"
             "example.num_samples  :    The number of times sampling occurred\n"
             "example.num_outputs  :    The number of times output occurred\n");
+
+  // The default report file, by format.
+  for (auto [format, extension] :
+       {std::pair{"--inline", "txt"}, {"--timing", "txt"}, {"--json", "json"}, {"--csv", "csv"}}) {
+    result = run({"--no-power", "--schema", "-f", format});
+    EXPECT_TRUE(std::regex_match(
+        result.err,
+        std::regex(R"(Output will be saved to '/data/local/tmp/emberline-\d{4}(-\d\d){5}\.)" +
+                   std::string(extension) + "'\n")))
+        << result.err;
+  }
 }
 
-TEST(EndToEnd, ReportFile) {
+// The report's other sinks: a file, and with --logcat the Android log, where each report line
+// (the CSV header too) is one record at priority I under its own tag, written by the main thread.
+TEST(EndToEnd, ReportFileAndLog) {
   {
     auto result = run({"--no-power", "-c", "-t", "1", "--csv", "-f", "-q"});
     EXPECT_EQ(result.exit_code, 0);
@@ -76,6 +89,18 @@ TEST(EndToEnd, ReportFile) {
               "\"example\":{\"num_samples\":5,\"num_outputs\":2}}\n");
     EXPECT_EQ(file_when_first_report_showed, lines(result.out)[0] + "\n");
     EXPECT_EQ(e2e::read_file(file), result.out);
+  }
+  {
+    auto result = run({"--no-power", "--example", "-c", "-t", "2", "--csv", "--logcat"});
+    ASSERT_EQ(result.exit_code, 0);
+    const auto [console, logged] = e2e::log_records(result.err, result.pid);
+    EXPECT_EQ(console, "Starting 2 second trace. \nPress CTRL-C to stop...\n\n\n");
+    std::vector<std::string> expected;
+    for (const std::string& line : lines(result.out)) {
+      expected.push_back("emberline_telemetry I " + line);
+    }
+    EXPECT_EQ(expected.size(), 3u);
+    EXPECT_EQ(logged, expected);
   }
 }
 

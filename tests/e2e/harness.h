@@ -33,8 +33,8 @@ using test_support::write_file;
 using Result = test_support::Outcome;
 
 struct Options {
-  // Called, and then sent, once the tool has announced its run on the standard error stream: by
-  // then every plugin has started.
+  // Called, and then sent, once the tool has announced its run on the standard error stream (its
+  // two empty lines included): by then every plugin has started.
   std::function<void()> once_started;
   // The same, with the tool's pid, for a test that acts on the process itself.
   std::function<void(pid_t)> once_started_pid;
@@ -76,7 +76,7 @@ inline Result run(const std::vector<std::string>& args, const Options& options =
   launch.on_output = [&](pid_t pid, int fd, const std::string& piece) {
     (fd == 1 ? out : err) += piece;
     if (options.watch) options.watch(out, err);
-    if (!started && err.find("Press CTRL-C to stop...\n") != std::string::npos) {
+    if (!started && err.find("Press CTRL-C to stop...\n\n\n") != std::string::npos) {
       started = true;
       if (options.once_started) options.once_started();
       if (options.once_started_pid) options.once_started_pid(pid);
@@ -114,6 +114,34 @@ inline std::string round_seconds(const std::string& text) {
   }
   out.append(last, text.cend());
   return out;
+}
+
+// What a run's standard error stream holds ahead of its first Android log record, and then each
+// record as "TAG P text". Debian's liblog prints a record as "TAG P MM-DD HH:MM:SS pid tid text"
+// and a line end; a record that `pid` did not write from its main thread shows as
+// "TAG P [pid tid] text".
+inline std::pair<std::string, std::vector<std::string>> log_records(const std::string& err,
+                                                                    pid_t pid) {
+  static const std::regex header(
+      R"((?:^|\n)([^ \n]+) ([VDIWEF]) \d\d-\d\d \d\d:\d\d:\d\d +(\d+) +(\d+) )");
+  std::vector<std::smatch> found(std::sregex_iterator(err.begin(), err.end(), header),
+                                 std::sregex_iterator());
+  // Where record i's header begins (past the line end that ends what came before), or the end.
+  auto start = [&](std::size_t i) {
+    return i == found.size() ? err.size()
+                             : static_cast<std::size_t>(found[i].position()) +
+                                   (found[i].str().front() == '\n' ? 1 : 0);
+  };
+  std::vector<std::string> records;
+  for (std::size_t i = 0; i < found.size(); ++i) {
+    const std::size_t text = static_cast<std::size_t>(found[i].position() + found[i].length());
+    std::string record = found[i][1].str() + " " + found[i][2].str() + " ";
+    if (found[i][3] != std::to_string(pid) || found[i][4] != std::to_string(pid)) {
+      record += "[" + found[i][3].str() + " " + found[i][4].str() + "] ";
+    }
+    records.push_back(record + err.substr(text, start(i + 1) - 1 - text));
+  }
+  return {err.substr(0, start(0)), records};
 }
 
 // Where the simulated headset keeps its files, /proc's and the log of node writes included.

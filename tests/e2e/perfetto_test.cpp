@@ -17,6 +17,9 @@ TEST(Perfetto, PowerCountersReachTheTraceAtTheSampleRate) {
   EXPECT_EQ(result.exit_code, 0);
   EXPECT_EQ(result.out, "");
   const std::string path = e2e::only_file(".perfetto-trace");
+  EXPECT_TRUE(std::regex_match(
+      path, std::regex(R"(/data/local/tmp/emberline-\d{4}(-\d\d){5}\.perfetto-trace)")))
+      << path;
   ASSERT_NE(path, "");
   EXPECT_EQ(e2e::lines(result.err)[0], "Trace will be saved to '" + path + "'");
   e2e::expect_each_sample(e2e::counter_events(path),

@@ -29,6 +29,85 @@ namespace fs = std::filesystem;
 using test_support::Outcome;
 using test_support::read_file;
 
+// What a profile's node shows at the start of a run, or "absent".
+std::string shown(const Profile& profile, const std::string& path) {
+  const DeviceState initial = DeviceModel(profile.model, 1).state();
+  for (const Node& node : profile.nodes) {
+    if (node.path == path) return node.render ? node.render(initial) : node.content;
+  }
+  return "absent";
+}
+
+TEST(Profiles, EachGenerationShowsItsIdentityGaugeAndHardware) {
+  const std::string battery = "/sys/class/power_supply/battery/";
+  struct Case {
+    const char* profile;
+    const char* device;
+    // The gauge: full charge, charge now, and the design capacity where the charge plugin has it.
+    const char* full;
+    const char* counter;
+    const char* design;
+    const char* last_rail;    // the name of the highest powercap rail, "absent" without rails
+    const char* first_zone;   // thermal_zone0's name
+    const char* big_cluster;  // affected_cpus of policy4
+  } cases[] = {
+      {"generic", "generic", "5000000\n", "3100000\n", "absent", "absent", "cpuss-0\n",
+       "4 5 6 7\n"},
+      {"generic-3000", "generic", "5000000\n", "3100000\n", "absent", "absent", "cpuss-0\n",
+       "4 5 6 7\n"},
+      {"brantley", "brantley", "3640000\n", "2584400\n", "absent", "absent", "cpuss-0\n",
+       "4 5 6 7\n"},
+      // A worn battery: the gauge's full charge is below the design's.
+      {"fennick", "fennick", "4877840\n", "2682812\n", "5060000\n", "cam\n", "cpuss-0\n", "4 5\n"},
+      {"maplet", "maplet", "4242240\n", "2884723\n", "4320000\n", "cam\n", "cpuss-0-0\n",
+       "4 5 6 7\n"},
+      {"dorrin", "dorrin", "5230500\n", "2458335\n", "5500000\n", "vdd_disp\n", "cpuss-l0\n",
+       "4 5\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.profile);
+    const Profile& p = *find_profile(c.profile);
+    EXPECT_NE(
+        shown(p, "/system/build.prop").find("\nro.product.device=" + std::string(c.device) + "\n"),
+        std::string::npos);
+    EXPECT_EQ(shown(p, battery + "charge_full"), c.full);
+    EXPECT_EQ(shown(p, battery + "charge_counter"), c.counter);
+    EXPECT_EQ(shown(p, battery + "charge_full_design"), c.design);
+    std::string last_rail = "absent";
+    for (int i = 0; i < 16; ++i) {
+      char dir[64];
+      std::snprintf(dir, sizeof dir, "/sys/class/powercap/epm:%x/name", i);
+      if (shown(p, dir) != "absent") last_rail = shown(p, dir);
+    }
+    EXPECT_EQ(last_rail, c.last_rail);
+    EXPECT_EQ(shown(p, "/sys/class/thermal/thermal_zone0/type"), c.first_zone);
+    EXPECT_EQ(shown(p, "/sys/devices/system/cpu/cpufreq/policy4/affected_cpus"), c.big_cluster);
+    // Every Quillon headset has the DRAM bandwidth monitors; no other has.
+    EXPECT_EQ(shown(p, "/sys/devices/system/cpu/bw_prof/sample_ms") != "absent",
+              std::string(c.design) != "absent");
+  }
+}
+
+// One node would hide the other, as the charge attributes once hid Fennick's worn gauge.
+TEST(Profiles, TwoNodesAtOnePathAreAnErrorWhenTheProfileIsBuilt) {
+  Profile twice = *find_profile("generic");
+  twice.name = "twice";
+  twice.nodes.clear();
+  twice.dirs.clear();
+  twice.hardware.rail_monitors = {{"/sys/bus/iio/devices/iio:device3/", {{"a", 0, 0}}},
+                                  {"/sys/bus/iio/devices/iio:device3/", {{"b", 0, 0}}}};
+  try {
+    build_profile(twice);
+    ADD_FAILURE() << "built";
+  } catch (const std::logic_error& e) {
+    EXPECT_STREQ(e.what(),
+                 "profile twice: two nodes at /sys/bus/iio/devices/iio:device3/available_rails");
+  }
+  twice.hardware.rail_monitors.pop_back();
+  EXPECT_EQ(shown(build_profile(twice), "/sys/bus/iio/devices/iio:device3/available_rails"),
+            "0:a\n");
+}
+
 TEST(LiveNodes, RewriteInPlaceSoThatAHeldDescriptorSeesEachValueWhole) {
   const Profile& profile = *find_profile("generic");
   TemporaryDir dir;
@@ -112,8 +191,10 @@ TEST(LogcatTest, PrintsEntriesOfTheChosenTagsAndPrioritiesFromTheGivenTimeOn) {
 }
 
 TEST(LogcatTest, ModelLogsAtItsRatesIntoARingOfWholeNewestEntriesInTheLayoutReadersRelyOn) {
-  LogActivity activity;
-  for (int i = 0; i < 6000; ++i) step_log(activity, 1.0);  // a minute
+  DeviceState headset;
+  headset.load = 1.0;
+  for (int i = 0; i < 6000; ++i) step_log(headset, {}, DeviceModel::kStepSeconds);  // a minute
+  LogActivity& activity = headset.log;
   EXPECT_EQ(activity.ravelin_lines, 60u);
   EXPECT_EQ(activity.telemetry_lines, 300u);
   activity.ravelin_lines = 5000;  // some 800 KiB at once

@@ -41,6 +41,7 @@ inline std::vector<std::string> lines(const std::string& text) {
 }
 
 struct Outcome {
+  pid_t pid = 0;
   int exit_code = -1;  // -1 when the child died by a signal
   int signal = 0;      // the signal that ended it, if one did
   std::string out;
@@ -83,6 +84,7 @@ inline Outcome run_process(const std::vector<std::string>& args, const Launch& l
   if (launch.on_start) launch.on_start(pid);
 
   Outcome outcome;
+  outcome.pid = pid;
   pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
   int open_streams = 2;
   while (open_streams > 0) {
