@@ -13,7 +13,7 @@ fi
 shift
 ticks=1000000
 build=build/normal
-profiles=generic,brantley,fennick
+profiles=generic,brantley,fennick,maplet,dorrin
 while [[ $# -gt 0 ]]; do
   case "$1" in
     --ticks) ticks=$2; shift 2 ;;
