@@ -442,52 +442,49 @@ ProcStats procStatsDelta(const ProcStats& earlier, const ProcStats& later, TimeP
 
 namespace {
 
-struct Keyed {
-  int pid;
-  int tid;
-  std::uint32_t index;  // in the snapshot
-};
-bool same_thread(const Keyed& a, const Keyed& b) {
-  return a.pid == b.pid && a.tid == b.tid;
-}
-bool thread_before(const Keyed& a, const Keyed& b) {
-  return a.pid != b.pid ? a.pid < b.pid : a.tid < b.tid;
-}
-
-// A snapshot's elements in (pid, tid) order, a thread met twice in the order met. /proc lists in
-// that order already, which the check finds in one pass.
-std::vector<Keyed> by_thread(const std::vector<ProcStats>& snapshot) {
-  std::vector<Keyed> keyed;
-  keyed.reserve(snapshot.size());
-  for (std::uint32_t i = 0; i < snapshot.size(); ++i) {
-    keyed.push_back({snapshot[i].pid, snapshot[i].tid, i});
-  }
-  auto less = [](const Keyed& a, const Keyed& b) {
-    return thread_before(a, b) || (same_thread(a, b) && a.index < b.index);
+// Where each thread stands in two snapshots, for pairing them: a table open by address, with
+// room for every thread of both at a load of three quarters at most, made anew at each tick.
+class SnapshotPairs {
+ public:
+  static constexpr std::uint32_t kNone = UINT32_MAX;
+  struct Slot {
+    std::uint64_t thread;
+    std::uint32_t earlier = kNone;  // the thread's last element in each snapshot
+    std::uint32_t later = kNone;
   };
-  if (!std::is_sorted(keyed.begin(), keyed.end(), less)) {
-    std::sort(keyed.begin(), keyed.end(), less);
-  }
-  return keyed;
-}
 
-// What a later element is to the difference: passed over, or new, or paired with an earlier one.
-struct Pairing {
-  static constexpr std::uint32_t kPassed = UINT32_MAX, kNew = UINT32_MAX - 1;
-  std::uint32_t earlier = kPassed;
-  std::uint32_t rank = 0;  // of its thread in (pid, tid) order
+  explicit SnapshotPairs(std::size_t threads)
+      : slots_(std::bit_ceil(threads + threads / 3 + 1)),
+        shift_(64 - std::countr_zero(slots_.size())) {}
+
+  Slot& at(const ProcStats& s) {
+    const std::uint64_t thread =
+        std::uint64_t{static_cast<std::uint32_t>(s.pid)} << 32 | static_cast<std::uint32_t>(s.tid);
+    const std::size_t mask = slots_.size() - 1;
+    for (std::size_t i = (thread * 0x9E3779B97F4A7C15) >> shift_;; i = (i + 1) & mask) {
+      Slot& slot = slots_[i];
+      if (slot.earlier == kNone && slot.later == kNone) {
+        slot.thread = thread;
+        return slot;
+      }
+      if (slot.thread == thread) return slot;
+    }
+  }
+
+ private:
+  std::vector<Slot> slots_;
+  int shift_;
 };
 
-// Most credits first, threads of equal credits in (pid, tid) order. A thread that could not be
-// weighed may have no number at all (a period under a millisecond): it goes last, so that the
-// order stays one a sort can keep.
+// Most credits first, threads of equal credits in the later snapshot's order. A thread that
+// could not be weighed may have no number at all (a period under a millisecond): it goes last,
+// so that the order stays one a sort can keep.
 struct Ranked {
   double credits;
-  std::uint32_t rank;
   std::uint32_t index;  // among the differences
 };
 bool ranks_before(const Ranked& a, const Ranked& b) {
-  return a.credits != b.credits ? a.credits > b.credits : a.rank < b.rank;
+  return a.credits != b.credits ? a.credits > b.credits : a.index < b.index;
 }
 
 }  // namespace
@@ -499,23 +496,18 @@ std::vector<ProcStats> ProcSnapshotDelta(const std::vector<ProcStats>& earlier,
   if (earlier.empty() || later.empty()) return deltas;
   const TimePoint start = earlier.front().timestamp;
 
-  // The pairs, from both snapshots walked side by side in (pid, tid) order. A thread met twice in
-  // one snapshot counts as its last element there, as a map filled in snapshot order keeps it.
-  std::vector<Pairing> pairing(later.size());
+  // Each later element's earlier partner. A thread met twice in one snapshot counts as its last
+  // element there, as a map filled in snapshot order keeps it; the later snapshot's others are
+  // passed over. The table goes before the differences come, which take the room.
+  constexpr std::uint32_t kPassed = SnapshotPairs::kNone - 1;
+  std::vector<std::uint32_t> partners(later.size());
   {
-    const std::vector<Keyed> before = by_thread(earlier), after = by_thread(later);
-    std::uint32_t rank = 0;
-    auto b = before.begin();
-    for (auto a = after.begin(); a != after.end(); ++a) {
-      if (a + 1 != after.end() && same_thread(a[1], *a)) continue;
-      while (b != before.end() && thread_before(*b, *a)) ++b;  // ended before the later snapshot
-      Pairing& pair = pairing[a->index];
-      pair.earlier = Pairing::kNew;
-      if (b != before.end() && same_thread(*b, *a)) {
-        while (b + 1 != before.end() && same_thread(b[1], *a)) ++b;
-        pair.earlier = b->index;
-      }
-      pair.rank = rank++;
+    SnapshotPairs pairs(earlier.size() + later.size());
+    for (std::uint32_t i = 0; i < earlier.size(); ++i) pairs.at(earlier[i]).earlier = i;
+    for (std::uint32_t i = 0; i < later.size(); ++i) pairs.at(later[i]).later = i;
+    for (std::uint32_t i = 0; i < later.size(); ++i) {
+      const SnapshotPairs::Slot& pair = pairs.at(later[i]);
+      partners[i] = pair.later == i ? pair.earlier : kPassed;
     }
   }
 
@@ -525,10 +517,10 @@ std::vector<ProcStats> ProcSnapshotDelta(const std::vector<ProcStats>& earlier,
   std::vector<Ranked> ranked;
   ranked.reserve(later.size());
   deltas.reserve(later.size());
-  for (std::size_t i = 0; i < later.size(); ++i) {
-    const Pairing& pair = pairing[i];
-    if (pair.earlier == Pairing::kPassed || later[i].tid == -1) continue;
-    const ProcStats& earlier_side = pair.earlier == Pairing::kNew ? absent : earlier[pair.earlier];
+  for (std::uint32_t i = 0; i < later.size(); ++i) {
+    if (partners[i] == kPassed || later[i].tid == -1) continue;
+    const ProcStats& earlier_side =
+        partners[i] == SnapshotPairs::kNone ? absent : earlier[partners[i]];
     ProcStats& delta = deltas.emplace_back(procStatsDelta(earlier_side, later[i], start));
     if (delta.duration.count() != 0) {
       delta.credits = cyclesToCredit(delta.cycles_per_cluster, delta.duration, chipset,
@@ -536,7 +528,7 @@ std::vector<ProcStats> ProcSnapshotDelta(const std::vector<ProcStats>& earlier,
     }
     const double credits =
         std::isnan(delta.credits) ? -std::numeric_limits<double>::infinity() : delta.credits;
-    ranked.push_back({credits, pair.rank, static_cast<std::uint32_t>(deltas.size() - 1)});
+    ranked.push_back({credits, static_cast<std::uint32_t>(deltas.size() - 1)});
   }
 
   // Ordered through small entries, then each record moved once to its place: a thread's record

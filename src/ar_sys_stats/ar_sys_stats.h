@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "ar_sys_stats/cluster_map.h"
+#include "ar_sys_stats/map_on_demand.h"
 #include "ar_sys_stats/thread_map.h"
 
 // CPU time of every thread by cluster and frequency, from the kernel's per-thread time_in_state,
@@ -40,7 +41,7 @@ struct ProcStats {
   double credits = -1.0;
   ClusterMap<double> credits_per_cluster;
   ClusterMap<long> time_per_cluster;
-  std::map<int, std::map<long, long>> time_per_freq;
+  MapOnDemand<std::map<int, std::map<long, long>>> time_per_freq;
 };
 
 // Identities by (pid, tid); never shrinks, so a thread's name is read once per run.

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <iterator>
+#include <limits>
 #include <new>
 #include <type_traits>
 #include <utility>
@@ -15,10 +16,11 @@ namespace ArSysStats {
 // written as one. A thread runs on a few clusters only, so up to four entries stand inside the
 // object: a snapshot of thousands of threads then takes no heap block per thread, and a thread's
 // record stays small enough that three snapshots' worth fit the memory a headset spares. Only a
-// garbled file names more clusters; then all entries move to the heap together.
+// garbled file names more clusters, or clusters outside a byte; then all entries move to the
+// heap together.
 //
 // A cluster is named by one character of time_in_state less '0', so every cluster number fits
-// 16 bits.
+// 16 bits, and a map holds at most a few hundred.
 template <typename V>
 class ClusterMap {
   static_assert(std::is_trivially_copyable_v<V>);
@@ -31,6 +33,7 @@ class ClusterMap {
 
   template <bool Const>
   class Iterator {
+    using Map = std::conditional_t<Const, const ClusterMap, ClusterMap>;
     using Value = std::conditional_t<Const, const V, V>;
 
    public:
@@ -44,40 +47,38 @@ class ClusterMap {
     };
 
     Iterator() = default;
-    Iterator(const std::int16_t* key, Value* value) : key_(key), value_(value) {}
-    operator Iterator<true>() const requires(!Const) { return {key_, value_}; }
+    Iterator(Map* map, std::size_t at) : map_(map), at_(at) {}
+    operator Iterator<true>() const requires(!Const) { return {map_, at_}; }
 
-    reference operator*() const { return {*key_, *value_}; }
+    reference operator*() const { return {map_->key_at(at_), map_->values()[at_]}; }
     pointer operator->() const { return {**this}; }
     Iterator& operator++() {
-      ++key_;
-      ++value_;
+      ++at_;
       return *this;
     }
     Iterator operator++(int) {
       Iterator before = *this;
-      ++*this;
+      ++at_;
       return before;
     }
-    friend bool operator==(const Iterator& a, const Iterator& b) { return a.key_ == b.key_; }
+    friend bool operator==(const Iterator& a, const Iterator& b) { return a.at_ == b.at_; }
 
    private:
-    const std::int16_t* key_ = nullptr;
-    Value* value_ = nullptr;
+    Map* map_ = nullptr;
+    std::size_t at_ = 0;
   };
   using iterator = Iterator<false>;
   using const_iterator = Iterator<true>;
 
-  ClusterMap() noexcept {}
-  ClusterMap(std::initializer_list<value_type> entries) {
+  ClusterMap() noexcept : inside_{} {}
+  ClusterMap(std::initializer_list<value_type> entries) : ClusterMap() {
     for (const auto& [cluster, value] : entries) (*this)[cluster] = value;
   }
-  ClusterMap(const ClusterMap& other) { copy_from(other); }
-  ClusterMap(ClusterMap&& other) noexcept { take(other); }
+  ClusterMap(const ClusterMap& other) : ClusterMap() { copy_from(other); }
+  ClusterMap(ClusterMap&& other) noexcept : ClusterMap() { take(other); }
   ClusterMap& operator=(const ClusterMap& other) {
     if (this != &other) {
-      size_ = 0;  // keeps a heap block that is large enough
-      if (other.size_ > capacity_) release();
+      release();
       copy_from(other);
     }
     return *this;
@@ -91,124 +92,127 @@ class ClusterMap {
   }
   ~ClusterMap() { release(); }
 
-  iterator begin() { return {keys(), values()}; }
-  iterator end() { return {keys() + size_, values() + size_}; }
-  const_iterator begin() const { return {keys(), values()}; }
-  const_iterator end() const { return {keys() + size_, values() + size_}; }
+  iterator begin() { return {this, 0}; }
+  iterator end() { return {this, size()}; }
+  const_iterator begin() const { return {this, 0}; }
+  const_iterator end() const { return {this, size()}; }
 
-  size_type size() const { return size_; }
-  bool empty() const { return size_ == 0; }
-  void clear() { size_ = 0; }
+  size_type size() const { return inside_.size; }
+  bool empty() const { return inside_.size == 0; }
+  void clear() { release(); }
 
-  iterator find(int cluster) {
-    const std::size_t at = position(cluster);
-    return at < size_ && keys()[at] == cluster ? iterator{keys() + at, values() + at} : end();
-  }
-  const_iterator find(int cluster) const {
-    const std::size_t at = position(cluster);
-    return at < size_ && keys()[at] == cluster ? const_iterator{keys() + at, values() + at} : end();
-  }
-  size_type count(int cluster) const { return find(cluster) != end() ? 1 : 0; }
+  iterator find(int cluster) { return {this, index_of(cluster)}; }
+  const_iterator find(int cluster) const { return {this, index_of(cluster)}; }
+  size_type count(int cluster) const { return index_of(cluster) != size() ? 1 : 0; }
 
   // The number of `cluster`, made 0 first if the map has none.
   V& operator[](int cluster) {
-    const std::size_t at = position(cluster);
-    if (at < size_ && keys()[at] == cluster) return values()[at];
-    if (size_ == capacity_) grow();
-    std::int16_t* k = keys();
+    const std::size_t n = size();
+    std::size_t at = 0;
+    while (at < n && key_at(at) < cluster) ++at;
+    if (at < n && key_at(at) == cluster) return values()[at];
+    if (!inside_.spilled && (n == kInline || cluster < std::numeric_limits<std::int8_t>::min() ||
+                             cluster > std::numeric_limits<std::int8_t>::max())) {
+      spill(kInline * 2);
+    } else if (inside_.spilled && n == spilled_.capacity) {
+      spill(spilled_.capacity * 2);
+    }
     V* v = values();
-    std::copy_backward(k + at, k + size_, k + size_ + 1);
-    std::copy_backward(v + at, v + size_, v + size_ + 1);
-    k[at] = static_cast<std::int16_t>(cluster);
+    std::copy_backward(v + at, v + n, v + n + 1);
+    if (inside_.spilled) {
+      std::copy_backward(spilled_.keys + at, spilled_.keys + n, spilled_.keys + n + 1);
+      spilled_.keys[at] = static_cast<std::int16_t>(cluster);
+    } else {
+      std::copy_backward(inside_.keys + at, inside_.keys + n, inside_.keys + n + 1);
+      inside_.keys[at] = static_cast<std::int8_t>(cluster);
+    }
     v[at] = V{};
-    ++size_;
+    ++inside_.size;
     return v[at];
   }
 
   friend bool operator==(const ClusterMap& a, const ClusterMap& b) {
-    return a.size_ == b.size_ && std::equal(a.keys(), a.keys() + a.size_, b.keys()) &&
-           std::equal(a.values(), a.values() + a.size_, b.values());
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+      if (a.key_at(i) != b.key_at(i) || !(a.values()[i] == b.values()[i])) return false;
+    }
+    return true;
   }
 
  private:
-  static constexpr std::uint32_t kInline = 4;
+  static constexpr std::uint16_t kInline = 4;
 
-  bool on_heap() const { return capacity_ > kInline; }
-  std::int16_t* keys() { return on_heap() ? heap_.keys : inline_.keys; }
-  const std::int16_t* keys() const { return on_heap() ? heap_.keys : inline_.keys; }
-  V* values() { return on_heap() ? heap_.values : inline_.values; }
-  const V* values() const { return on_heap() ? heap_.values : inline_.values; }
+  int key_at(std::size_t i) const { return inside_.spilled ? spilled_.keys[i] : inside_.keys[i]; }
+  V* values() { return inside_.spilled ? spilled_.values : inside_.values; }
+  const V* values() const { return inside_.spilled ? spilled_.values : inside_.values; }
 
-  // Where `cluster` stands or would stand. Linear: there are a few entries.
-  std::size_t position(int cluster) const {
-    const std::int16_t* k = keys();
+  std::size_t index_of(int cluster) const {
+    const std::size_t n = size();
     std::size_t at = 0;
-    while (at < size_ && k[at] < cluster) ++at;
-    return at;
+    while (at < n && key_at(at) < cluster) ++at;
+    return at < n && key_at(at) == cluster ? at : n;
   }
 
-  // One block: the numbers, then the clusters.
-  static void allocate(std::uint32_t capacity, std::int16_t*& keys, V*& values) {
-    values = static_cast<V*>(::operator new(capacity*(sizeof(V) + sizeof(std::int16_t))));
-    keys = reinterpret_cast<std::int16_t*>(values + capacity);
-  }
-
-  void grow() {
-    const std::uint32_t capacity = capacity_ * 2;
-    std::int16_t* k;
-    V* v;
-    allocate(capacity, k, v);
-    std::copy(keys(), keys() + size_, k);
-    std::copy(values(), values() + size_, v);
+  // All entries into one heap block of room for `capacity`: the numbers, then the clusters.
+  void spill(std::uint32_t capacity) {
+    const std::size_t n = size();
+    V* v = static_cast<V*>(::operator new(capacity*(sizeof(V) + sizeof(std::int16_t))));
+    auto* k = reinterpret_cast<std::int16_t*>(v + capacity);
+    for (std::size_t i = 0; i < n; ++i) k[i] = static_cast<std::int16_t>(key_at(i));
+    std::copy(values(), values() + n, v);
     release();
-    heap_ = {k, v};
-    capacity_ = capacity;
+    spilled_.size = static_cast<std::uint16_t>(n);
+    spilled_.spilled = true;
+    spilled_.capacity = capacity;
+    spilled_.keys = k;
+    spilled_.values = v;
   }
 
+  // Back to an empty map with the entries inside.
   void release() {
-    if (on_heap()) ::operator delete(heap_.values);
-    capacity_ = kInline;
+    if (inside_.spilled) ::operator delete(spilled_.values);
+    inside_ = {};
   }
 
-  // Into an empty map that owns no heap block, or one large enough for `other`.
+  // Into an empty map with the entries inside.
   void copy_from(const ClusterMap& other) {
-    if (other.size_ > capacity_) {
-      std::int16_t* k;
-      V* v;
-      allocate(other.size_, k, v);
-      heap_ = {k, v};
-      capacity_ = other.size_;
-    }
-    std::copy(other.keys(), other.keys() + other.size_, keys());
-    std::copy(other.values(), other.values() + other.size_, values());
-    size_ = other.size_;
-  }
-
-  // Into a map that owns no heap block; `other` is left empty.
-  void take(ClusterMap& other) {
-    if (other.on_heap()) {
-      heap_ = other.heap_;
-      capacity_ = other.capacity_;
+    if (other.inside_.spilled) {
+      spill(std::max<std::uint32_t>(other.spilled_.capacity, kInline * 2));
+      std::copy(other.spilled_.keys, other.spilled_.keys + other.size(), spilled_.keys);
+      std::copy(other.spilled_.values, other.spilled_.values + other.size(), spilled_.values);
+      spilled_.size = other.spilled_.size;
     } else {
-      std::copy(other.inline_.keys, other.inline_.keys + other.size_, inline_.keys);
-      std::copy(other.inline_.values, other.inline_.values + other.size_, inline_.values);
+      inside_ = other.inside_;
     }
-    size_ = other.size_;
-    other.size_ = 0;
-    other.capacity_ = kInline;
   }
 
-  std::uint32_t size_ = 0;
-  std::uint32_t capacity_ = kInline;  // more than kInline: the entries are on the heap
+  // Into an empty map with the entries inside; `other` is left so.
+  void take(ClusterMap& other) {
+    if (other.inside_.spilled) {
+      spilled_ = other.spilled_;
+    } else {
+      inside_ = other.inside_;
+    }
+    other.inside_ = {};
+  }
+
+  // Both forms begin with the size and the flag, which either member reads.
+  struct Inside {
+    std::uint16_t size;
+    bool spilled;
+    std::int8_t keys[kInline];
+    V values[kInline];
+  };
+  struct Spilled {
+    std::uint16_t size;
+    bool spilled;
+    std::uint32_t capacity;
+    std::int16_t* keys;
+    V* values;
+  };
   union {
-    struct {
-      std::int16_t keys[kInline];
-      V values[kInline];
-    } inline_;
-    struct {
-      std::int16_t* keys;
-      V* values;
-    } heap_;
+    Inside inside_;
+    Spilled spilled_;
   };
 };
 

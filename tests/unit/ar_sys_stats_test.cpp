@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <iomanip>
@@ -148,6 +149,34 @@ TEST(ClusterMapTest, BehavesAsAnOrderedMap) {
     EXPECT_EQ(map, (ClusterMap<long>{{5, 9}}));
     EXPECT_FALSE(map == copy);
   }
+}
+
+// Each thread's entry is found whatever the walk's order: the last tick's, with threads ended and
+// born, or shuffled.
+TEST(ThreadMapTest, FindsEachThreadsEntryWhateverTheOrder) {
+  std::mt19937 random(3);
+  ThreadMap<int> map;
+  std::map<std::pair<int, int>, int> want;
+  std::vector<std::pair<int, int>> walk;
+  for (int tick = 0; tick < 300; ++tick) {
+    for (int change = random() % 8; change > 0; --change) {
+      const std::pair<int, int> born(static_cast<int>(random() % 50) - 5,
+                                     static_cast<int>(random() % 4000) - 10);
+      walk.insert(walk.begin() + static_cast<long>(random() % (walk.size() + 1)), born);
+      if (random() % 2 == 0) walk.erase(walk.begin() + static_cast<long>(random() % walk.size()));
+    }
+    if (tick % 50 == 49) std::shuffle(walk.begin(), walk.end(), random);
+    for (const auto& thread : walk) {
+      const auto [entry, made] = map.try_emplace(thread);
+      ASSERT_EQ(made, want.count(thread) == 0);
+      if (made) entry->second = want[thread] = static_cast<int>(random());
+      ASSERT_EQ(entry->first, thread);
+      ASSERT_EQ(entry->second, want[thread]);
+    }
+    ASSERT_EQ(map.size(), want.size());
+  }
+  for (const auto& [thread, value] : want) EXPECT_EQ(map.find(thread)->second, value);
+  EXPECT_EQ(map.find({-6, 0}), nullptr);
 }
 
 TEST(CyclesToCredit, WeighsCyclesPerMillisecondByTheClusterFactor) {
