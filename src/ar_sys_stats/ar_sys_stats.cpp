@@ -126,8 +126,9 @@ inline bool scan_long(const char*& p, const char* end, long* value) {
   // Eighteen digits cannot pass 64 bits: the counters' own digits need no test.
   unsigned long magnitude = 0;
   const char* unchecked = s + std::min<std::ptrdiff_t>(end - s, 18);
-  while (s != unchecked && is_digit(*s))
+  while (s != unchecked && is_digit(*s)) {
     magnitude = magnitude * 10 + static_cast<unsigned>(*s++ - '0');
+  }
   const unsigned long limit =
       static_cast<unsigned long>(std::numeric_limits<long>::max()) + (negative ? 1 : 0);
   bool overflow = false;
@@ -406,8 +407,12 @@ std::vector<ProcStats> ExtractStatsAllProc(ProcInfoCache cache) {
   return snapshot;
 }
 
-ProcStats procStatsDelta(const ProcStats& earlier, const ProcStats& later, TimePoint start) {
-  ProcStats delta;
+namespace {
+
+// The difference of two records into `delta`, a default record: where ProcSnapshotDelta wants it,
+// with no record moved.
+void take_difference(const ProcStats& earlier, const ProcStats& later, TimePoint start,
+                     ProcStats& delta) {
   // In ascending order of cluster, so that each entry is appended to the difference's map.
   for (const auto& [cluster, cycles] : later.cycles_per_cluster) {
     auto before = earlier.cycles_per_cluster.find(cluster);
@@ -437,12 +442,19 @@ ProcStats procStatsDelta(const ProcStats& earlier, const ProcStats& later, TimeP
   delta.is_new = earlier.pid == -1;
   // A new thread's counters began inside the period, so its whole count belongs to it.
   delta.duration = later.timestamp - (delta.is_new ? start : earlier.timestamp);
+}
+
+}  // namespace
+
+ProcStats procStatsDelta(const ProcStats& earlier, const ProcStats& later, TimePoint start) {
+  ProcStats delta;
+  take_difference(earlier, later, start, delta);
   return delta;
 }
 
 namespace {
 
-// Where each thread stands in two snapshots, for pairing them: a table open by address, with
+// Where each thread stands in two snapshots, for pairing them: an open-addressing table with
 // room for every thread of both at a load of three quarters at most, made anew at each tick.
 class SnapshotPairs {
  public:
@@ -521,7 +533,8 @@ std::vector<ProcStats> ProcSnapshotDelta(const std::vector<ProcStats>& earlier,
     if (partners[i] == kPassed || later[i].tid == -1) continue;
     const ProcStats& earlier_side =
         partners[i] == SnapshotPairs::kNone ? absent : earlier[partners[i]];
-    ProcStats& delta = deltas.emplace_back(procStatsDelta(earlier_side, later[i], start));
+    ProcStats& delta = deltas.emplace_back();
+    take_difference(earlier_side, later[i], start, delta);
     if (delta.duration.count() != 0) {
       delta.credits = cyclesToCredit(delta.cycles_per_cluster, delta.duration, chipset,
                                      per_cluster ? &delta.credits_per_cluster : nullptr);

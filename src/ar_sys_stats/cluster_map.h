@@ -107,12 +107,42 @@ class ClusterMap {
 
   // The number of `cluster`, made 0 first if the map has none.
   V& operator[](int cluster) {
+    // Mostly filled in ascending order of cluster: differences and credits from another map,
+    // counters as the kernel lists its clusters. That needs no search and no shift.
+    const std::uint16_t n = inside_.size;
+    if (!inside_.spilled && n < kInline && (n == 0 || inside_.keys[n - 1] < cluster) &&
+        fits_inside(cluster)) {
+      inside_.keys[n] = static_cast<std::int8_t>(cluster);
+      inside_.values[n] = V{};
+      ++inside_.size;
+      return inside_.values[n];
+    }
+    return insert(cluster);
+  }
+
+  friend bool operator==(const ClusterMap& a, const ClusterMap& b) {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+      if (a.key_at(i) != b.key_at(i) || !(a.values()[i] == b.values()[i])) return false;
+    }
+    return true;
+  }
+
+ private:
+  static constexpr std::uint16_t kInline = 4;
+
+  static bool fits_inside(int cluster) {
+    return cluster >= std::numeric_limits<std::int8_t>::min() &&
+           cluster <= std::numeric_limits<std::int8_t>::max();
+  }
+  int key_at(std::size_t i) const { return inside_.spilled ? spilled_.keys[i] : inside_.keys[i]; }
+
+  V& insert(int cluster) {
     const std::size_t n = size();
     std::size_t at = 0;
     while (at < n && key_at(at) < cluster) ++at;
     if (at < n && key_at(at) == cluster) return values()[at];
-    if (!inside_.spilled && (n == kInline || cluster < std::numeric_limits<std::int8_t>::min() ||
-                             cluster > std::numeric_limits<std::int8_t>::max())) {
+    if (!inside_.spilled && (n == kInline || !fits_inside(cluster))) {
       spill(kInline * 2);
     } else if (inside_.spilled && n == spilled_.capacity) {
       spill(spilled_.capacity * 2);
@@ -130,19 +160,6 @@ class ClusterMap {
     ++inside_.size;
     return v[at];
   }
-
-  friend bool operator==(const ClusterMap& a, const ClusterMap& b) {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-      if (a.key_at(i) != b.key_at(i) || !(a.values()[i] == b.values()[i])) return false;
-    }
-    return true;
-  }
-
- private:
-  static constexpr std::uint16_t kInline = 4;
-
-  int key_at(std::size_t i) const { return inside_.spilled ? spilled_.keys[i] : inside_.keys[i]; }
   V* values() { return inside_.spilled ? spilled_.values : inside_.values; }
   const V* values() const { return inside_.spilled ? spilled_.values : inside_.values; }
 
