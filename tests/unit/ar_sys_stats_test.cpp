@@ -345,6 +345,7 @@ ProcStats credited(int tid, const std::string& comm, double credits, long long a
   return s;
 }
 
+// One plugin over successive reports: each shows exactly its own names.
 TEST(CpuCredits, SumsThreadsOfOneNameTruncatingAtEachStep) {
   struct Case {
     std::vector<std::pair<std::string, double>> threads;
@@ -353,9 +354,13 @@ TEST(CpuCredits, SumsThreadsOfOneNameTruncatingAtEachStep) {
       {{{"RenderThread", 2.7}, {"RenderThread", 1.6}}, "RenderThread:3"},
       {{{"sh", 0.9}, {"sh", 0.9}, {"zygote", 1.01}}, "zygote:1"},
       {{{"b", 5.5}, {"a", 1.2}, {"", 2.5}, {"b", 0.99}, {"a", 40.7}}, ":2 | a:41 | b:5"},
+      {{{"c", 1.0}, {"a", 3.5}}, "a:3 | c:1"},
       {{{"idle", 0.0}}, ""},
       {{}, ""},
+      {{{"a", 7.2}}, "a:7"},
   };
+  emberline::CpuCreditsPlugin plugin;
+  plugin.credits()->set("stale", coralis::tidemark::json::JsonVal(9));
   for (const auto& c : cases) {
     std::vector<ProcStats> earlier{credited(1, "anchor", 0, 0)},
         later{credited(1, "anchor", 0, 1000000)};
@@ -364,8 +369,6 @@ TEST(CpuCredits, SumsThreadsOfOneNameTruncatingAtEachStep) {
       earlier.push_back(credited(tid, comm, 0, 0));
       later.push_back(credited(tid++, comm, credits, 1000000));
     }
-    emberline::CpuCreditsPlugin plugin;
-    plugin.credits()->set("stale", coralis::tidemark::json::JsonVal(9));
     plugin.Report(earlier, later);
     EXPECT_EQ(plugin.credits()->to_str(), c.text);
   }
