@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <filesystem>
 #include <set>
+#include <thread>
 
 #include "ar_sys_stats/ar_sys_stats.h"
 #include "credits_helpers.h"
@@ -17,6 +19,11 @@ namespace {
 
 using namespace ArSysStats;
 using credits::task_dir;
+
+// Credits are per whole millisecond of the period; a period that short would have none.
+void let_a_period_pass() {
+  std::this_thread::sleep_for(std::chrono::milliseconds(2));
+}
 
 std::size_t threads_on_disk() {
   std::size_t n = 0;
@@ -113,6 +120,7 @@ TEST(CreditsTick, ThreadsBornAndEndedBetweenTicks) {
   credits::add_ticks(ravelin, credits::find_tid(ravelin, "HeapTaskDaemon"), 300000, 100000);
   credits::add_ticks(home, credits::find_tid(home, "HeapTaskDaemon"), 300000, 100000);
   credits::add_ticks(shell, shell, 300000, 100000);
+  let_a_period_pass();
   ASSERT_TRUE(plugin.on_output());
   std::set<std::string> names;
   for (const auto& [name, credits] : plugin.credits()->entries) names.insert(name);
@@ -121,6 +129,7 @@ TEST(CreditsTick, ThreadsBornAndEndedBetweenTicks) {
   // The next period: the born thread is unchanged and so left out; the ended thread's id is back,
   // new again, with its whole count and the name the run first read for it.
   ASSERT_EQ(::rename(gone.c_str(), dir.c_str()), 0);
+  let_a_period_pass();
   ASSERT_TRUE(plugin.on_output());
   names.clear();
   for (const auto& [name, credits] : plugin.credits()->entries) names.insert(name);
@@ -150,6 +159,7 @@ TEST(CreditsTick, SteadyStateTakesAFewHeapBlocksAndKeepsNoDescriptor) {
       if (tid > 0) credits::add_ticks(pid, tid, pid == 2215 ? 300000 : 710400, 100000);
     }
   }
+  let_a_period_pass();
   const int descriptors = heap_counter::open_descriptors();
   const long before = heap_counter::allocations.load();
   ASSERT_TRUE(plugin.on_output());
