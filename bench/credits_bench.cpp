@@ -2,6 +2,7 @@
 // simulated headset (bench/README.md). Every figure is also given per thread.
 
 #include <benchmark/benchmark.h>
+#include <sys/resource.h>
 
 #include <cstddef>
 #include <cstdlib>
@@ -34,17 +35,26 @@ namespace {
 
 using namespace ArSysStats;
 
+// User CPU time of this thread in seconds: the tool's own share of a step, apart from the
+// kernel's, which a busy machine inflates far more.
+double user_seconds() {
+  rusage usage{};
+  getrusage(RUSAGE_THREAD, &usage);
+  return static_cast<double>(usage.ru_utime.tv_sec) + usage.ru_utime.tv_usec / 1e6;
+}
+
 ProcInfoCache warm_cache() {
   auto cache = std::make_shared<ProcInfoCache::element_type>();
   ExtractStatsAllProc(cache);  // names are read once per run, not per tick
   return cache;
 }
 
-void per_thread(benchmark::State& state, std::size_t threads, long allocated) {
+void per_thread(benchmark::State& state, std::size_t threads, long allocated, double user) {
+  const double visits = static_cast<double>(threads) * static_cast<double>(state.iterations());
   state.counters["threads"] = static_cast<double>(threads);
   state.counters["per_thread"] =
-      benchmark::Counter(static_cast<double>(threads) * static_cast<double>(state.iterations()),
-                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+      benchmark::Counter(visits, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  state.counters["user_per_thread"] = user / visits;
   state.counters["allocs"] =
       static_cast<double>(allocated) / static_cast<double>(state.iterations());
 }
@@ -52,20 +62,22 @@ void per_thread(benchmark::State& state, std::size_t threads, long allocated) {
 void BM_Floor(benchmark::State& state) {
   long threads = 0;
   long before = allocations;
+  const double user = user_seconds();
   for (auto _ : state) threads = thread_floor_read_all();
-  per_thread(state, static_cast<std::size_t>(threads), allocations - before);
+  per_thread(state, static_cast<std::size_t>(threads), allocations - before, user_seconds() - user);
 }
 
 void BM_Snapshot(benchmark::State& state) {
   ProcInfoCache cache = warm_cache();
   std::size_t threads = 0;
   long before = allocations;
+  const double user = user_seconds();
   for (auto _ : state) {
     std::vector<ProcStats> snapshot = ExtractStatsAllProc(cache);
     threads = snapshot.size();
     benchmark::DoNotOptimize(snapshot.data());
   }
-  per_thread(state, threads, allocations - before);
+  per_thread(state, threads, allocations - before, user_seconds() - user);
 }
 
 void BM_Delta(benchmark::State& state) {
@@ -73,12 +85,13 @@ void BM_Delta(benchmark::State& state) {
   std::vector<ProcStats> earlier = ExtractStatsAllProc(cache);
   std::vector<ProcStats> later = ExtractStatsAllProc(cache);
   long before = allocations;
+  const double user = user_seconds();
   for (auto _ : state) {
     std::vector<ProcStats> deltas =
         ProcSnapshotDelta(earlier, later, ChipsetType::EIGHT_CORE, true);
     benchmark::DoNotOptimize(deltas.data());
   }
-  per_thread(state, later.size(), allocations - before);
+  per_thread(state, later.size(), allocations - before, user_seconds() - user);
 }
 
 // A whole output tick of the plugin: snapshot, delta, the map, and the report's text.
@@ -87,11 +100,12 @@ void BM_OutputTick(benchmark::State& state) {
   plugin.init();
   std::size_t threads = ExtractStatsAllProc(warm_cache()).size();
   long before = allocations;
+  const double user = user_seconds();
   for (auto _ : state) {
     plugin.on_output();
     benchmark::DoNotOptimize(plugin.to_str());
   }
-  per_thread(state, threads, allocations - before);
+  per_thread(state, threads, allocations - before, user_seconds() - user);
 }
 
 BENCHMARK(BM_Floor)->Unit(benchmark::kMicrosecond);

@@ -18,8 +18,9 @@ static long read_task(int pid, char* buffer, size_t size) {
   long threads = 0;
   struct dirent* entry;
   while ((entry = readdir(dir)) != NULL) {
+    if (entry->d_type != DT_DIR) continue;
     int tid = atoi(entry->d_name);
-    if (entry->d_type != DT_DIR || tid == 0) continue;
+    if (tid == 0) continue;
     char file[96];
     snprintf(file, sizeof file, "/proc/%d/task/%d/time_in_state", pid, tid);
     int fd = open(file, O_RDONLY | O_CLOEXEC);
@@ -40,10 +41,10 @@ long thread_floor_read_all(void) {
   long threads = 0;
   struct dirent* entry;
   while ((entry = readdir(proc)) != NULL) {
+    /* The type first: /proc lists much that is no process, and atoi is dearer than a test. */
+    if (entry->d_type != DT_DIR) continue;
     int pid = atoi(entry->d_name);
-    if (entry->d_type == DT_DIR && pid != 0) {
-      threads += read_task(pid, buffer, sizeof buffer);
-    }
+    if (pid != 0) threads += read_task(pid, buffer, sizeof buffer);
   }
   closedir(proc);
   return threads;

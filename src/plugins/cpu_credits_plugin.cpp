@@ -1,9 +1,9 @@
 #include "plugins/cpu_credits_plugin.h"
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <string>
-#include <unordered_map>
 
 namespace emberline {
 
@@ -29,19 +29,38 @@ void CpuCreditsPlugin::Report(const std::vector<ProcStats>& earlier,
   const ChipsetType chipset = is_chipset2_device ? ChipsetType::SIX_CORE : ChipsetType::EIGHT_CORE;
   const std::vector<ProcStats> deltas =
       ArSysStats::ProcSnapshotDelta(earlier, later, chipset, true);
-  cpu_credits->entries.clear();
-  std::unordered_map<std::string, int> totals;
+  // Totals by name. A report has tens of names, so a list searched from the front costs less
+  // than the nodes of a hash map made anew at every tick.
+  struct Total {
+    const std::string* name;
+    int total;
+  };
+  std::vector<Total> totals;
+  static const std::string kNoName;
   for (const ProcStats& delta : deltas) {
     // Threads under one credit are noise, and -1 marks a thread that could not be weighed. A
     // period under a millisecond (a wall clock set back) gives no number at all: left out too.
     if (!(delta.credits >= 1.0)) continue;
-    int& total = totals[delta.info ? delta.info->comm : std::string()];
+    const std::string& name = delta.info ? delta.info->comm : kNoName;
+    auto total =
+        std::find_if(totals.begin(), totals.end(), [&](const Total& t) { return *t.name == name; });
+    if (total == totals.end()) total = totals.insert(totals.end(), {&name, 0});
     // Truncated at each step; held at the largest int rather than overflowing.
-    total = static_cast<int>(std::min(delta.credits + static_cast<double>(total),
-                                      static_cast<double>(std::numeric_limits<int>::max())));
+    total->total = static_cast<int>(std::min(delta.credits + static_cast<double>(total->total),
+                                             static_cast<double>(std::numeric_limits<int>::max())));
   }
-  for (const auto& [name, total] : totals) {
-    cpu_credits->set(name, coralis::tidemark::json::JsonVal(static_cast<long>(total)));
+  // The map then holds exactly these totals. Names of the last report that are in this one too
+  // keep their entries, which spares making them again: a steady headset reports the same names.
+  auto by_name = [](const Total& a, const Total& b) { return *a.name < *b.name; };
+  std::sort(totals.begin(), totals.end(), by_name);
+  auto& entries = cpu_credits->entries;
+  for (auto entry = entries.begin(); entry != entries.end();) {
+    const bool kept =
+        std::binary_search(totals.begin(), totals.end(), Total{&entry->first, 0}, by_name);
+    entry = kept ? std::next(entry) : entries.erase(entry);
+  }
+  for (const Total& total : totals) {
+    cpu_credits->set(*total.name, coralis::tidemark::json::JsonVal(static_cast<long>(total.total)));
   }
 }
 

@@ -4,16 +4,26 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <filesystem>
+#include <set>
+#include <thread>
 
 #include "ar_sys_stats/ar_sys_stats.h"
 #include "credits_helpers.h"
 #include "harness.h"
+#include "plugins/cpu_credits_plugin.h"
+#include "support/heap_counter.h"
 
 namespace {
 
 using namespace ArSysStats;
 using credits::task_dir;
+
+// Credits are per whole millisecond of the period; a period that short would have none.
+void let_a_period_pass() {
+  std::this_thread::sleep_for(std::chrono::milliseconds(2));
+}
 
 std::size_t threads_on_disk() {
   std::size_t n = 0;
@@ -63,14 +73,103 @@ TEST(ThreadWalk, ReadsEveryThreadWithItsIdentityOnce) {
   ASSERT_NE(s, nullptr);
   EXPECT_EQ(s->info->comm, "RenderEngine");
   EXPECT_EQ(s->info->cmdline, std::string("/system/bin/surfaceflinger\0", 27));
-  EXPECT_EQ(s->time_per_cluster, (std::map<int, long>{{0, 8}, {4, 5}}));
+  EXPECT_EQ(s->time_per_cluster, (ClusterMap<long>{{0, 8}, {4, 5}}));
   EXPECT_EQ(s->cycles_per_cluster,
-            (std::map<int, long>{{0, 7 * 300000L + 691200}, {4, 2 * 710400L + 3 * 2419200L}}));
+            (ClusterMap<long>{{0, 7 * 300000L + 691200}, {4, 2 * 710400L + 3 * 2419200L}}));
 
   // Names are read once: a later change of name is not seen.
   e2e::write_file(task_dir(sf) + std::to_string(engine) + "/comm", "renamed\n");
   std::vector<ProcStats> again = ExtractStatsAllProc(cache);
   EXPECT_EQ(find(again, sf, engine)->info->comm, "RenderEngine");
+}
+
+// A file longer than one read comes in several pieces, with lines across their borders; a line
+// too long for the line buffer ends the counting wherever it stands.
+TEST(ThreadWalk, CountersLongerThanOneReadCountWhole) {
+  const int sf = 2131;
+  const int engine = credits::find_tid(sf, "RenderEngine");
+  std::string text = "cpu0\n";
+  for (int i = 0; i < 2000; ++i) text += "1 1\n";
+  text += "cpu4\n" + std::string(1019, ' ') + "7 3\n" + std::string(1021, ' ') + "7 3\n9 9\n";
+  e2e::write_file(task_dir(sf) + std::to_string(engine) + "/time_in_state", text);
+  auto cache = std::make_shared<ProcInfoCache::element_type>();
+  const std::vector<ProcStats> snapshot = ExtractStatsAllProc(cache);
+  const ProcStats* s = find(snapshot, sf, engine);
+  ASSERT_NE(s, nullptr);
+  EXPECT_EQ(s->time_per_cluster, (ClusterMap<long>{{0, 2000}, {4, 3}}));
+  EXPECT_EQ(s->cycles_per_cluster, (ClusterMap<long>{{0, 2000}, {4, 21}}));
+}
+
+// The report's names after threads started, ended and gained time between two ticks. What a
+// thread is credited depends on the time between the ticks, so only the names are compared.
+TEST(CreditsTick, ThreadsBornAndEndedBetweenTicks) {
+  const int ravelin = 2601, home = 2755, shell = 2890;
+  emberline::CpuCreditsPlugin plugin;
+  ASSERT_TRUE(plugin.init());
+  const int ended = credits::find_tid(home, "UnityMain");
+  credits::add_ticks(home, ended, 2419200, 100000);
+  // Out of the listing as the headset ends a thread: a name that is no number.
+  const std::string dir = task_dir(home) + std::to_string(ended), gone = task_dir(home) + ".gone";
+  ASSERT_EQ(::rename(dir.c_str(), gone.c_str()), 0);
+  // Born under a name that other processes' threads have too.
+  const std::string born = task_dir(shell) + "4242/";
+  std::filesystem::create_directories(born);
+  e2e::write_file(born + "comm", "RenderThread\n");
+  e2e::write_file(born + "cmdline", std::string("sh\0", 3));
+  e2e::write_file(born + "time_in_state", "cpu0\n300000 100000\n");
+  credits::add_ticks(ravelin, credits::find_tid(ravelin, "HeapTaskDaemon"), 300000, 100000);
+  credits::add_ticks(home, credits::find_tid(home, "HeapTaskDaemon"), 300000, 100000);
+  credits::add_ticks(shell, shell, 300000, 100000);
+  let_a_period_pass();
+  ASSERT_TRUE(plugin.on_output());
+  std::set<std::string> names;
+  for (const auto& [name, credits] : plugin.credits()->entries) names.insert(name);
+  EXPECT_EQ(names, (std::set<std::string>{"HeapTaskDaemon", "RenderThread", "sh"}));
+
+  // The next period: the born thread is unchanged and so left out; the ended thread's id is back,
+  // new again, with its whole count and the name the run first read for it.
+  ASSERT_EQ(::rename(gone.c_str(), dir.c_str()), 0);
+  let_a_period_pass();
+  ASSERT_TRUE(plugin.on_output());
+  names.clear();
+  for (const auto& [name, credits] : plugin.credits()->entries) names.insert(name);
+  EXPECT_EQ(names, (std::set<std::string>{"UnityMain"}));
+  std::filesystem::remove_all(born);
+}
+
+// Once every thread has its identity, an output tick takes a few heap blocks whatever the number
+// of threads, and closes every file it opened.
+TEST(CreditsTick, SteadyStateTakesAFewHeapBlocksAndKeepsNoDescriptor) {
+  // Three hundred more threads, so that a block per thread could not hide in the bound.
+  const int pool = 2215;
+  std::vector<std::string> added;
+  for (int tid = 30000; tid < 30300; ++tid) {
+    added.push_back(task_dir(pool) + std::to_string(tid) + "/");
+    std::filesystem::create_directories(added.back());
+    e2e::write_file(added.back() + "comm", "binder:2215_" + std::to_string(tid) + "\n");
+    e2e::write_file(added.back() + "cmdline", std::string("system_server\0", 14));
+    e2e::write_file(added.back() + "time_in_state", "cpu0\n300000 1\ncpu4\n710400 1\n");
+  }
+  emberline::CpuCreditsPlugin plugin;
+  ASSERT_TRUE(plugin.init());
+  ASSERT_TRUE(plugin.on_output());
+  for (const char* name : {"RenderThread", "HeapTaskDaemon", "TimeWarp", "RenderEngine"}) {
+    for (int pid : {2131, 2215, 2601, 2755}) {
+      const int tid = credits::find_tid(pid, name);
+      if (tid > 0) credits::add_ticks(pid, tid, pid == 2215 ? 300000 : 710400, 100000);
+    }
+  }
+  let_a_period_pass();
+  const int descriptors = heap_counter::open_descriptors();
+  const long before = heap_counter::allocations.load();
+  ASSERT_TRUE(plugin.on_output());
+  const long allocated = heap_counter::allocations.load() - before;
+  EXPECT_EQ(heap_counter::open_descriptors(), descriptors);
+  if (heap_counter::kReliable) {
+    EXPECT_LE(allocated, 100);
+  }
+  EXPECT_EQ(plugin.credits()->entries.size(), 4u);
+  for (const std::string& dir : added) std::filesystem::remove_all(dir);
 }
 
 // A thread that ends after the directory listing has named it leaves its directory without the

@@ -2,43 +2,72 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <iomanip>
+#include <map>
+#include <random>
 #include <sstream>
+#include <vector>
 
 #include "plugins/cpu_credits_plugin.h"
 
 namespace {
 
 using namespace ArSysStats;
+using namespace std::string_literals;
 using std::chrono::microseconds;
 
+// Each text is also fed as a read would give it, in pieces cut anywhere: a line may end in the
+// next piece, or a piece may end right before or after a line end.
 TEST(TimeInState, BooksTimeAndCyclesByTheClusterAbove) {
+  using Sums = ClusterMap<long>;
   struct Case {
     std::string text;
-    std::map<int, long> time, cycles;
+    Sums time, cycles;
   } cases[] = {
       {"cpu0\n300000 10\n600000 5\ncpu4\n1000000 2\n",
        {{0, 15}, {4, 2}},
        {{0, 6000000}, {4, 2000000}}},
       {"300000 4\ncpu2\n100 1\n", {{-1, 4}, {2, 1}}, {{-1, 1200000}, {2, 100}}},
-      // One digit names the cluster; a repeated name adds up.
-      {"cpu12\n10 3\ncpu1\n20 1", {{1, 4}}, {{1, 50}}},
+      // One digit names the cluster; a repeated name adds up; a name alone books nothing.
+      {"cpu12\n10 3\ncpu1\n20 1\ncpu5", {{1, 4}}, {{1, 50}}},
+      {"cpu\n7 1\ncpu4\ncpu0\n", {{-48, 1}}, {{-48, 7}}},
       // A line without numbers counts as zeros, one with a single number as that frequency.
       {"cpu7\ngarbage\n5000\n8 -2\n", {{7, -2}}, {{7, -16}}},
-      // The longest line that fits the buffer counts; one character more ends the reading.
+      {"cpu3\n\n", {{3, 0}}, {{3, 0}}},
+      // The line as a C string: what follows a NUL is not read.
+      {"cpu6\n2\0 9\n3 1\ncp\0u5\n1 1\n"s, {{6, 2}}, {{6, 4}}},
+      // The longest line that fits the buffer counts, at the end of the file too; one character
+      // more ends the reading.
       {"cpu0\n" + std::string(1020, ' ') + "5 2\ncpu4\n1 1\n", {{0, 2}, {4, 1}}, {{0, 10}, {4, 1}}},
+      {"cpu0\n1 1\n" + std::string(1020, ' ') + "5 2", {{0, 3}}, {{0, 11}}},
       {"cpu0\n1 1\n" + std::string(1021, ' ') + "5 2\n2 2\n", {{0, 1}}, {{0, 1}}},
+      {"cpu0\n1 1\n" + std::string(1021, ' ') + "5 2", {{0, 1}}, {{0, 1}}},
+      // Six clusters: more than a record holds inside itself.
+      {"cpu0\n1 1\ncpu9\n1 2\ncpu5\n1 3\ncpu2\n1 4\ncpu7\n1 5\ncpu1\n1 6\n",
+       {{0, 1}, {1, 6}, {2, 4}, {5, 3}, {7, 5}, {9, 2}},
+       {{0, 1}, {1, 6}, {2, 4}, {5, 3}, {7, 5}, {9, 2}}},
       {"", {}, {}},
   };
   for (const auto& c : cases) {
-    ProcStats stats;
-    std::istringstream in(c.text);
-    parseTimeInState(in, &stats, false);
-    EXPECT_EQ(stats.time_per_cluster, c.time) << c.text.substr(0, 40);
-    EXPECT_EQ(stats.cycles_per_cluster, c.cycles) << c.text.substr(0, 40);
-    EXPECT_TRUE(stats.time_per_freq.empty());
+    SCOPED_TRACE(c.text.substr(0, 40));
+    ProcStats whole;
+    parseTimeInState(c.text, &whole, false);
+    EXPECT_EQ(whole.time_per_cluster, c.time);
+    EXPECT_EQ(whole.cycles_per_cluster, c.cycles);
+    EXPECT_TRUE(whole.time_per_freq.empty());
+    for (std::size_t size : {1, 2, 3, 5, 1023, 1024, 1025}) {
+      ProcStats pieces;
+      TimeInStateParser parser(&pieces, false);
+      for (std::size_t at = 0; at < c.text.size(); at += size) {
+        if (!parser.feed(std::string_view(c.text).substr(at, size))) break;
+      }
+      parser.finish();
+      EXPECT_EQ(pieces.time_per_cluster, c.time) << "pieces of " << size;
+      EXPECT_EQ(pieces.cycles_per_cluster, c.cycles) << "pieces of " << size;
+    }
   }
 }
 
@@ -46,7 +75,14 @@ TEST(TimeInState, NumbersAreReadAsSscanfReadsThem) {
   // clang-format off
   const char* lines[] = {"300000 10", "  7\t-3 ", "5-3", "+4 +2", "abc 5", "5 abc", "- 5", "5e3 2",
                          "0x10 1", "", "   ", "010 08", "-0 -", "99999999999999999999 3",
-                         "1 -99999999999999999999"};
+                         "1 -99999999999999999999", "9223372036854775807 -9223372036854775808",
+                         "9223372036854775808 -9223372036854775809", "\v\f\r12\n34", "++1 2",
+                         "1+2", "+", "18446744073709551616 1", "-18446744073709551615 -1",
+                         "123456789012345678 123456789012345678", "1234567890123456789 12",
+                         "12 1234567890123456789", "12 34 ", "12 34\n", "12  34", "12\t34",
+                         "1234567 12345678", "1234567 123456789", "1 2345678", "1234567 1",
+                         "1 1 1 1 1", "12345678 1", "300000 1a", "300000 1\x80", "300000 +1",
+                         "300000 -1", "\xb0\xb1 12345678", "0000000 00000000", "9999999 99999999"};
   // clang-format on
   for (const char* line : lines) {
     long freq = 0, time = 0, want_freq = 0, want_time = 0;
@@ -55,15 +91,101 @@ TEST(TimeInState, NumbersAreReadAsSscanfReadsThem) {
     EXPECT_EQ(freq, want_freq) << line;
     EXPECT_EQ(time, want_time) << line;
   }
+  // Nothing past the end of the text is read.
+  long freq = 0, time = 0;
+  scanTwoLongs(std::string_view("12 34", 4), &freq, &time);
+  EXPECT_EQ(std::pair(freq, time), std::pair(12L, 3L));
+  freq = time = 0;
+  scanTwoLongs(std::string_view("12 ", 3), &freq, &time);
+  EXPECT_EQ(std::pair(freq, time), std::pair(12L, 0L));
+}
+
+// The map of a record reads and writes as std::map does, in and past the entries it holds
+// inside itself, and through copies and moves.
+TEST(ClusterMapTest, BehavesAsAnOrderedMap) {
+  std::mt19937 random(7);
+  for (int round = 0; round < 200; ++round) {
+    ClusterMap<long> map;
+    std::map<int, long> want;
+    const int clusters = 1 + round % 9;
+    for (int step = 0; step < 12; ++step) {
+      const int cluster = static_cast<int>(random() % clusters) - 1 - (round % 3 == 0 ? 170 : 0);
+      const long value = static_cast<long>(random() % 1000) - 500;
+      map[cluster] += value;
+      want[cluster] += value;
+    }
+    auto same = [&](const ClusterMap<long>& m) {
+      const std::vector<std::pair<int, long>> expected(want.begin(), want.end());
+      std::vector<std::pair<int, long>> entries;
+      for (const auto& [cluster, value] : m) entries.emplace_back(cluster, value);
+      EXPECT_EQ(entries, expected);
+      EXPECT_EQ(m.size(), want.size());
+      for (int cluster = -172; cluster < 10; ++cluster) {
+        auto found = m.find(cluster);
+        ASSERT_EQ(found != m.end(), want.count(cluster) == 1) << cluster;
+        if (found != m.end()) {
+          EXPECT_EQ(found->second, want[cluster]);
+        }
+      }
+    };
+    same(map);
+    ClusterMap<long> copy(map);
+    same(copy);
+    ClusterMap<long> small{{3, 1}}, large{{0, 1}, {1, 1}, {2, 1}, {3, 1}, {4, 1}, {5, 1}};
+    small = map;
+    large = map;
+    same(small);
+    same(large);
+    ClusterMap<long> moved(std::move(copy));
+    same(moved);
+    EXPECT_TRUE(copy.empty());
+    copy = std::move(moved);
+    same(copy);
+    EXPECT_EQ(copy, map);
+    map.clear();
+    EXPECT_TRUE(map.empty());
+    EXPECT_TRUE(map.begin() == map.end());
+    map[5] = 9;
+    EXPECT_EQ(map, (ClusterMap<long>{{5, 9}}));
+    EXPECT_FALSE(map == copy);
+  }
+}
+
+// Each thread's entry is found whatever the walk's order: the last tick's, with threads ended and
+// born, or shuffled.
+TEST(ThreadMapTest, FindsEachThreadsEntryWhateverTheOrder) {
+  std::mt19937 random(3);
+  ThreadMap<int> map;
+  std::map<std::pair<int, int>, int> want;
+  std::vector<std::pair<int, int>> walk;
+  for (int tick = 0; tick < 300; ++tick) {
+    for (int change = random() % 8; change > 0; --change) {
+      const std::pair<int, int> born(static_cast<int>(random() % 50) - 5,
+                                     static_cast<int>(random() % 4000) - 10);
+      walk.insert(walk.begin() + static_cast<long>(random() % (walk.size() + 1)), born);
+      if (random() % 2 == 0) walk.erase(walk.begin() + static_cast<long>(random() % walk.size()));
+    }
+    if (tick % 50 == 49) std::shuffle(walk.begin(), walk.end(), random);
+    for (const auto& thread : walk) {
+      const auto [entry, made] = map.try_emplace(thread);
+      ASSERT_EQ(made, want.count(thread) == 0);
+      if (made) entry->second = want[thread] = static_cast<int>(random());
+      ASSERT_EQ(entry->first, thread);
+      ASSERT_EQ(entry->second, want[thread]);
+    }
+    ASSERT_EQ(map.size(), want.size());
+  }
+  for (const auto& [thread, value] : want) EXPECT_EQ(map.find(thread)->second, value);
+  EXPECT_EQ(map.find({-6, 0}), nullptr);
 }
 
 TEST(CyclesToCredit, WeighsCyclesPerMillisecondByTheClusterFactor) {
   struct Case {
-    std::map<int, long> cycles;
+    ClusterMap<long> cycles;
     long long micros;
     ChipsetType chipset;
     double credits;
-    std::map<int, double> per_cluster;
+    ClusterMap<double> per_cluster;
   } cases[] = {
       {{{4, 100000000}}, 1000000, ChipsetType::EIGHT_CORE, 905.0, {{4, 905.0}}},
       {{{0, 100000000}}, 1000000, ChipsetType::EIGHT_CORE, 296.0, {{0, 296.0}}},
@@ -80,7 +202,7 @@ TEST(CyclesToCredit, WeighsCyclesPerMillisecondByTheClusterFactor) {
       {{{-1, 1000000}}, 1000000, ChipsetType::EIGHT_CORE, -1.0, {}},
   };
   for (const auto& c : cases) {
-    std::map<int, double> per_cluster{{9, 1.0}};
+    ClusterMap<double> per_cluster{{9, 1.0}};
     double credits = cyclesToCredit(c.cycles, microseconds(c.micros), c.chipset, &per_cluster);
     EXPECT_NEAR(credits, c.credits, 1e-9);
     ASSERT_EQ(per_cluster.size(), c.per_cluster.size());
@@ -92,8 +214,8 @@ TEST(CyclesToCredit, WeighsCyclesPerMillisecondByTheClusterFactor) {
   }
 }
 
-ProcStats thread(int pid, int tid, long long at_us, std::map<int, long> cycles,
-                 std::map<int, long> time = {}) {
+ProcStats thread(int pid, int tid, long long at_us, ClusterMap<long> cycles,
+                 ClusterMap<long> time = {}) {
   ProcStats s;
   s.pid = pid;
   s.tid = tid;
@@ -147,13 +269,68 @@ TEST(SnapshotDelta, PairsThreadsAndCreditsTheirDifferences) {
   EXPECT_TRUE(ProcSnapshotDelta(earlier, {}, ChipsetType::EIGHT_CORE, false).empty());
 }
 
+// Snapshots in any order, with threads met twice, threads gone and born, threads read at the same
+// instant or with the clock set back, against the pairing done over a map: the same differences,
+// most credits first.
+TEST(SnapshotDelta, PairsAnyOrderAsAMapWould) {
+  std::mt19937 random(11);
+  auto snapshot = [&](long long at_us) {
+    std::vector<ProcStats> threads(random() % 40);
+    for (ProcStats& s : threads) {
+      ClusterMap<long> cycles;
+      for (int cluster : {0, 4, 9}) {
+        if (random() % 3 == 0) cycles[cluster == 9 && random() % 4 != 0 ? 7 : cluster] = random();
+      }
+      const long long jitter = static_cast<long long>(random() % 5) * 500 - 1000;
+      s = thread(static_cast<int>(random() % 5), static_cast<int>(random() % 7) - 1,
+                 random() % 6 == 0 ? at_us - 1000000 : at_us + jitter, std::move(cycles));
+    }
+    return threads;
+  };
+  auto summary = [](const ProcStats& d) {
+    std::ostringstream out;
+    out << std::setprecision(17) << d.pid << "/" << d.tid << (d.is_new ? " new " : " ")
+        << d.duration.count() << " " << d.credits;
+    for (auto [cluster, n] : d.cycles_per_cluster) out << " c" << cluster << "=" << n;
+    for (auto [cluster, x] : d.credits_per_cluster) out << " k" << cluster << "=" << x;
+    return out.str();
+  };
+  for (int round = 0; round < 300; ++round) {
+    const std::vector<ProcStats> earlier = snapshot(1000000), later = snapshot(2000000);
+    std::vector<std::string> want, got;
+    if (!earlier.empty() && !later.empty()) {
+      std::map<std::pair<int, int>, std::pair<ProcStats, ProcStats>> both;
+      for (const ProcStats& s : earlier) both[{s.pid, s.tid}].first = s;
+      for (const ProcStats& s : later) both[{s.pid, s.tid}].second = s;
+      for (auto& [key, sides] : both) {
+        if (sides.second.tid == -1) continue;
+        ProcStats d = procStatsDelta(sides.first, sides.second, earlier.front().timestamp);
+        if (d.duration.count() != 0) {
+          d.credits = cyclesToCredit(d.cycles_per_cluster, d.duration, ChipsetType::EIGHT_CORE,
+                                     &d.credits_per_cluster);
+        }
+        want.push_back(summary(d));
+      }
+    }
+    const std::vector<ProcStats> deltas =
+        ProcSnapshotDelta(earlier, later, ChipsetType::EIGHT_CORE, true);
+    for (std::size_t i = 0; i < deltas.size(); ++i) {
+      got.push_back(summary(deltas[i]));
+      if (i > 0 && !std::isnan(deltas[i].credits)) {
+        EXPECT_GE(deltas[i - 1].credits, deltas[i].credits) << round << ": " << got.back();
+      }
+    }
+    std::sort(want.begin(), want.end());
+    std::sort(got.begin(), got.end());
+    ASSERT_EQ(got, want) << round;
+  }
+}
+
 // Times kept by frequency, when asked, subtract where both snapshots have them.
 TEST(SnapshotDelta, PerFrequencyTimesSubtractWhereBothHaveThem) {
   ProcStats earlier = thread(1, 1, 0, {}), later = thread(1, 1, 1000, {});
-  std::istringstream earlier_text("cpu0\n300 5\n600 1\n"),
-      later_text("cpu0\n300 9\n900 2\ncpu4\n1000 3\n");
-  parseTimeInState(earlier_text, &earlier, true);
-  parseTimeInState(later_text, &later, true);
+  parseTimeInState("cpu0\n300 5\n600 1\n", &earlier, true);
+  parseTimeInState("cpu0\n300 9\n900 2\ncpu4\n1000 3\n", &later, true);
   ProcStats delta = procStatsDelta(earlier, later, TimePoint());
   std::map<int, std::map<long, long>> expected{{0, {{300, 4}, {900, 2}}}, {4, {{1000, 3}}}};
   EXPECT_EQ(delta.time_per_freq, expected);
@@ -168,6 +345,7 @@ ProcStats credited(int tid, const std::string& comm, double credits, long long a
   return s;
 }
 
+// One plugin over successive reports: each shows exactly its own names.
 TEST(CpuCredits, SumsThreadsOfOneNameTruncatingAtEachStep) {
   struct Case {
     std::vector<std::pair<std::string, double>> threads;
@@ -176,9 +354,13 @@ TEST(CpuCredits, SumsThreadsOfOneNameTruncatingAtEachStep) {
       {{{"RenderThread", 2.7}, {"RenderThread", 1.6}}, "RenderThread:3"},
       {{{"sh", 0.9}, {"sh", 0.9}, {"zygote", 1.01}}, "zygote:1"},
       {{{"b", 5.5}, {"a", 1.2}, {"", 2.5}, {"b", 0.99}, {"a", 40.7}}, ":2 | a:41 | b:5"},
+      {{{"c", 1.0}, {"a", 3.5}}, "a:3 | c:1"},
       {{{"idle", 0.0}}, ""},
       {{}, ""},
+      {{{"a", 7.2}}, "a:7"},
   };
+  emberline::CpuCreditsPlugin plugin;
+  plugin.credits()->set("stale", coralis::tidemark::json::JsonVal(9));
   for (const auto& c : cases) {
     std::vector<ProcStats> earlier{credited(1, "anchor", 0, 0)},
         later{credited(1, "anchor", 0, 1000000)};
@@ -187,8 +369,6 @@ TEST(CpuCredits, SumsThreadsOfOneNameTruncatingAtEachStep) {
       earlier.push_back(credited(tid, comm, 0, 0));
       later.push_back(credited(tid++, comm, credits, 1000000));
     }
-    emberline::CpuCreditsPlugin plugin;
-    plugin.credits()->set("stale", coralis::tidemark::json::JsonVal(9));
     plugin.Report(earlier, later);
     EXPECT_EQ(plugin.credits()->to_str(), c.text);
   }
