@@ -9,8 +9,10 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
+# Each part's heading tells how far into the run it starts.
+stamp() { echo "== $* (at $((SECONDS / 60)) min $((SECONDS % 60)) s)"; }
 bash scripts/setup.sh
-echo "== format"
+stamp format
 bash scripts/check-format.sh
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
@@ -23,31 +25,31 @@ run_tests() {
   (cd "$dir" && ctest --output-on-failure --timeout 300 -j "$(nproc)" "$@")
 }
 
-echo "== build/normal"
+stamp "build/normal"
 bash scripts/build.sh build/normal -DEMBERLINE_WERROR=ON
 run_tests build/normal
 # Both need the simulated headset; where it cannot be made, the e2e tests above were skipped too.
 if build/normal/sim/emberline-sim run --frozen -- true 2>/dev/null; then
-  echo "== fault runs"
+  stamp "fault runs"
   bash scripts/fault-runs.sh --runs 20 --seed 31 --build build/normal
-  echo "== accelerated soak"
+  stamp "accelerated soak"
   bash scripts/soak.sh --accelerated --ticks 100000 --build build/normal
 else
-  echo "== fault runs and soak skipped: the simulated headset cannot be made here"
+  stamp "fault runs and soak skipped: the simulated headset cannot be made here"
 fi
 
 # The same code cross-built for arm64, its in-process tests run under qemu.
-echo "== build/arm64"
+stamp "build/arm64"
 bash scripts/build-arm64.sh build/arm64 build/normal
 
-echo "== build/asan (clang: ASan, UBSan and the fuzzers' coverage hooks)"
+stamp "build/asan (clang: ASan, UBSan and the fuzzers' coverage hooks)"
 cmake -C scripts/clang-sanitize.cmake -S "$root" -B build/asan -DEMBERLINE_WERROR=ON >/dev/null
 cmake --build build/asan -j "$(nproc)"
 run_tests build/asan
 
 # ThreadSanitizer for the tests that run threads of the tool's (label "threads"), and what they
 # run: the tool and the simulated headset.
-echo "== build/tsan"
+stamp "build/tsan"
 cmake -S "$root" -B build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DEMBERLINE_WERROR=ON \
   -DEMBERLINE_TSAN=ON -DEMBERLINE_BENCH=OFF >/dev/null
 cmake --build build/tsan -j "$(nproc)" --target emberline emberline-sim \
@@ -55,5 +57,7 @@ cmake --build build/tsan -j "$(nproc)" --target emberline emberline-sim \
   emberline_e2e_thermals emberline_e2e_dsp_trace
 run_tests build/tsan -L threads
 
-echo "== fuzz"
+stamp "fuzz"
 bash scripts/fuzz.sh --runs 20000 --build build/asan
+
+stamp "done"
