@@ -30,7 +30,7 @@ for profile in "${names[@]}"; do
   echo "== $profile: --all -s 10 -o 1000, $ticks sample ticks"
   start=$SECONDS
   if "$build/sim/emberline-sim" run --profile "$profile" -- \
-    "$build/tests/soak/emberline_accelerated_soak" "$ticks" "$every" --all -s 10 -o 1000; then
+    "$build/bench/emberline_accelerated_soak" "$ticks" "$every" --all -s 10 -o 1000; then
     echo "   $((SECONDS - start)) s"
   else
     echo "   FAILED after $((SECONDS - start)) s"
