@@ -13,23 +13,12 @@ from emberline_report.reading import TIME_FIELDS, load_report
 PROTO_DIR = ROOT.parent / "shared" / "perfetto"
 
 
-def parse_text_format(text):
-    """protoc's decoded text as nested dicts of lists; strings are C-escaped bytes."""
-    root = {}
-    stack = [root]
-    for line in text.splitlines():
-        line = line.strip()
-        if line.endswith("{"):
-            stack[-1].setdefault(line[:-1].strip(), []).append({})
-            stack.append(stack[-1][line[:-1].strip()][-1])
-        elif line == "}":
-            stack.pop()
-        elif line:
-            key, value = line.split(": ", 1)
-            if value.startswith('"'):
-                value = codecs.escape_decode(value[1:-1])[0].decode("utf-8")
-            stack[-1].setdefault(key, []).append(value)
-    return root
+def packets(text):
+    """protoc's decoded text as one dict a packet: every field of the packet by name, at any
+    depth (a message as ""), strings unquoted."""
+    return [{key: codecs.escape_decode(v[1:-1])[0].decode() if v.startswith('"') else v
+             for key, v in re.findall(r"^\s*(\w+)(?:: (.*)| \{)$", block, re.M)}
+            for block in re.split(r"^packet \{$", text, flags=re.M)[1:]]
 
 
 def expected_events(path):
@@ -67,28 +56,24 @@ class TraceTest(Case):
         self.assertEqual(d.returncode, 0, d.stderr)
         self.assertEqual(re.findall(r"^\s*\d+\s*[:{].*$", d.stdout, re.M), [],
                          "fields upstream does not define")
-        packets = parse_text_format(d.stdout)["packet"]
-        self.assertEqual({p["trusted_packet_sequence_id"][0] for p in packets}, {"1"})
-        self.assertEqual((packets[0]["sequence_flags"], packets[0]["clock_snapshot"][0]
-                          ["primary_trace_clock"]), (["1"], ["BUILTIN_CLOCK_REALTIME"]))
+        first, *rest = packets(d.stdout)
+        self.assertEqual({p["trusted_packet_sequence_id"] for p in [first] + rest}, {"1"})
+        self.assertEqual((first["sequence_flags"], first["primary_trace_clock"]),
+                         ("1", "BUILTIN_CLOCK_REALTIME"))
         tracks, parent, events = {}, None, []
-        for p in packets[1:]:
-            if "track_descriptor" in p:
-                d = p["track_descriptor"][0]
-                if "counter" in d:
-                    self.assertEqual(d["parent_uuid"], [parent])
-                    self.assertNotIn(d["name"][0], tracks.values())
-                    tracks[d["uuid"][0]] = d["name"][0]
-                else:
-                    self.assertEqual((parent, d["name"]), (None, [report.name]),
-                                     "one track for the report")
-                    parent = d["uuid"][0]
+        for p in rest:
+            if "counter" in p:
+                self.assertEqual(p["parent_uuid"], parent)
+                self.assertNotIn(p["name"], tracks.values())
+                tracks[p["uuid"]] = p["name"]
+            elif "track_descriptor" in p:
+                self.assertEqual((parent, p["name"]), (None, report.name), "one report track")
+                parent = p["uuid"]
             else:
-                e = p["track_event"][0]
-                self.assertEqual((e["type"], p["timestamp_clock_id"]), (["TYPE_COUNTER"], ["1"]))
+                self.assertEqual((p["type"], p["timestamp_clock_id"]), ("TYPE_COUNTER", "1"))
                 # A descriptor comes before its track's first event.
-                events.append((tracks[e["track_uuid"][0]], int(p["timestamp"][0]),
-                               float(e["double_counter_value"][0])))
+                events.append((tracks[p["track_uuid"]], int(p["timestamp"]),
+                               float(p["double_counter_value"])))
         self.assertEqual(sorted(events), expected_events(report))
         self.assertEqual(events, sorted(events, key=lambda e: e[1]), "events in time order")
         return events, err
