@@ -64,11 +64,10 @@ class Inference(unittest.TestCase):
         # the variance is (c0 + 2 c1) / (n - 3) with c_k the mean product at lag k.
         x = np.array([3.0, 3.4, 2.9, 2.2, 2.6, 3.5, 3.3, 2.4, 2.7, 3.1, 2.8, 2.5])
         d = x - x.mean()
-        c = [np.dot(d[:len(x) - k], d[k:]) / (len(x) - k) for k in range(4)]
+        c = [np.dot(d[:len(x) - k], d[k:]) / (len(x) - k) for k in range(2)]
         e = inference.dependent_mean(x)
-        self.assertAlmostEqual(e.mean, x.mean(), places=12)
-        self.assertAlmostEqual(e.variance, (c[0] + 2 * c[1]) / (len(x) - 3), places=12)
-        self.assertAlmostEqual(e.df, len(x) / 3)
+        np.testing.assert_allclose([e.mean, e.variance, e.df],
+                                   [x.mean(), (c[0] + 2 * c[1]) / (len(x) - 3), len(x) / 3], 1e-12)
         # Under 8 readings is too short to tell, though their lag would allow an interval.
         self.assertEqual([inference.dependent_mean(x[:n]) is None for n in (7, 8)],
                          [True, False])
