@@ -30,13 +30,10 @@ JSON = """{"sequence":1,"timestamp":1.000,"device_timestamp":1795434001.000,"pow
 """
 
 
-def run_text(raw, gpu=0.5, start=1795434001.0, kind="csv"):
-    """A run of one report a second, the first at device time `start`: power.raw and
+def run_text(raw, gpu=0.5, start=1795434001.0):
+    """A CSV run of one report a second, the first at device time `start`: power.raw and
     power.smooth as given, and a GPU load fraction."""
     rows = [(i + 1, i + 1.0, start + i, p, p, gpu) for i, p in enumerate(raw)]
-    if kind == "json":
-        return "".join('{"sequence":%d,"timestamp":%.3f,"device_timestamp":%.3f,"power":{"raw":'
-                       '%.3f,"smooth":%.3f},"stats":{"gpu":{"util":%.5f}}}\n' % r for r in rows)
     return ("sequence,timestamp,device_timestamp,power.raw,power.smooth,stats.gpu.util\n" +
             "".join("%d,%.3f,%.3f,%.3f,%.3f,%.5f\n" % r for r in rows))
 

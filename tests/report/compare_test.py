@@ -114,22 +114,19 @@ class Command(Case):
                                             "higher"])
         self.assertEqual(lines[8].split()[:5], ["power.raw", "J", "8.000", "28.000", "+20.000"])
 
-    def test_one_run_a_side_and_the_same_run_in_both_formats(self):
+    def test_one_run_a_side(self):
         raw = list(4 + ar1(np.random.default_rng(9), 1, 300, 0.9, 0, 0.5)[0])
-        a_csv = self.file("a.csv", run_text(raw))
-        a_json = self.file("a.json", run_text(raw, kind="json"))
+        a = self.file("a.csv", run_text(raw))
         b = self.file("b.csv", run_text([p + 1 for p in raw]))
-        result = self.compare(a_csv, "--vs", b)
+        result = self.compare(a, "--vs", b)
         self.assertEqual(result["energy"], {})
         # The same readings shifted: the interval holds the shift and leaves 0 out.
         shift = result["fields"]["power.raw"]
         self.assertAlmostEqual(shift["delta"], 1.0, places=3)
         self.assertTrue(0 < shift["ci95"][0] < 1.0 < shift["ci95"][1], shift["ci95"])
+        # The same in both: an interval of no width, which shows no difference.
         self.assertEqual((shift["verdict"], result["fields"]["stats.gpu.util"]["verdict"]),
                          ("higher", "none"))
-        self.assertEqual(result, self.compare(a_json, "--vs", b))
-        same = self.compare(a_csv, "--vs", a_json)["fields"]["power.raw"]
-        self.assertEqual((same["delta"], same["verdict"]), (0.0, "none"))
 
     def test_fail_above_gates_on_higher_fields(self):
         a = self.file("a.csv", run_text([2.0] * 10, gpu=0.2))
