@@ -32,10 +32,11 @@ JSON = """{"sequence":1,"timestamp":1.000,"device_timestamp":1795434001.000,"pow
 
 def run_text(raw, gpu=0.5, start=1795434001.0):
     """A CSV run of one report a second, the first at device time `start`: power.raw and
-    power.smooth as given, and a GPU load fraction."""
-    rows = [(i + 1, i + 1.0, start + i, p, p, gpu) for i, p in enumerate(raw)]
+    power.smooth as given (None for a null), and a GPU load fraction."""
+    rows = [(i + 1, i + 1.0, start + i) + ("null" if p is None else "%.3f" % p,) * 2 + (gpu,)
+            for i, p in enumerate(raw)]
     return ("sequence,timestamp,device_timestamp,power.raw,power.smooth,stats.gpu.util\n" +
-            "".join("%d,%.3f,%.3f,%.3f,%.3f,%.5f\n" % r for r in rows))
+            "".join("%d,%.3f,%.3f,%s,%s,%.5f\n" % r for r in rows))
 
 
 def tool(*args, stdin=None):

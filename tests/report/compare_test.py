@@ -80,9 +80,11 @@ class Command(Case):
         return json.loads(out)
 
     def test_several_runs_a_side_compare_run_means_and_energies(self):
-        # Constant runs of 4 s: means 1, 2, 3 against 5, 7, 9 W, so Welch's delta 5, standard
-        # error sqrt(1/3 + 4/3) on 50/17 degrees of freedom; energies 4 times the means.
-        a, b = ([self.file("%s%d.csv" % (side, p), run_text([p] * 5, gpu)) for p in powers]
+        # Constant runs of 4 s, their nulls bridged: means 1, 2, 3 against 5, 7, 9 W, so Welch's
+        # delta 5, standard error sqrt(1/3 + 4/3) on 50/17 degrees of freedom; energies 4 times
+        # the means.
+        a, b = ([self.file("%s%d.csv" % (side, p), run_text([p, None, p, p, p], gpu))
+                 for p in powers]
                 for side, powers, gpu in (("a", (1, 2, 3), 0.5), ("b", (5, 7, 9), 0.25)))
         result = self.compare(*a, "--vs", *b)
         self.assertEqual((result["a_runs"], result["b_runs"]), (3, 3))
