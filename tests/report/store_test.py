@@ -246,8 +246,8 @@ def start_postgres(directory):
             return "%s failed: %s" % (Path(step[0]).name, lines[-1])
     Postgres.server = "postgresql://emberline@/%%s?host=%s" % directory
     # Stopped when the tests end, before the directory goes (exit handlers run last first).
-    atexit.register(subprocess.run, as_user + [str(bin_dir / "pg_ctl"), "-D", data, "-m",
-                                               "immediate", "stop"], capture_output=True, timeout=60)
+    stop = [str(bin_dir / "pg_ctl"), "-D", data, "-m", "immediate", "stop"]
+    atexit.register(subprocess.run, as_user + stop, capture_output=True, timeout=60)
     return None
 
 
