@@ -117,15 +117,18 @@ class Command(Case):
         self.assertEqual(lines[8].split()[:5], ["power.raw", "J", "8.000", "28.000", "+20.000"])
 
     def test_one_run_a_side(self):
-        raw = list(4 + ar1(np.random.default_rng(9), 1, 300, 0.9, 0, 0.5)[0])
-        a = self.file("a.csv", run_text(raw))
-        b = self.file("b.csv", run_text([p + 1 for p in raw]))
+        raw = [float("%.3f" % p) for p in 4 + ar1(np.random.default_rng(9), 1, 300, 0.9, 0, 0.5)[0]]
+        shifted = [float("%.3f" % (p + 1)) for p in raw]
+        a, b = self.file("a.csv", run_text(raw)), self.file("b.csv", run_text(shifted))
         result = self.compare(a, "--vs", b)
         self.assertEqual(result["energy"], {})
-        # The same readings shifted: the interval holds the shift and leaves 0 out.
+        # The same readings shifted: the interval, the one for autocorrelated readings, holds the
+        # shift and leaves 0 out.
         shift = result["fields"]["power.raw"]
-        self.assertAlmostEqual(shift["delta"], 1.0, places=3)
+        self.assertAlmostEqual(shift["delta"], 1.0, places=9)
         self.assertTrue(0 < shift["ci95"][0] < 1.0 < shift["ci95"][1], shift["ci95"])
+        np.testing.assert_allclose(shift["ci95"], inference.difference_interval(
+            inference.dependent_mean(raw), inference.dependent_mean(shifted)), rtol=1e-9)
         # The same in both: an interval of no width, which shows no difference.
         self.assertEqual((shift["verdict"], result["fields"]["stats.gpu.util"]["verdict"]),
                          ("higher", "none"))
