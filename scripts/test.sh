@@ -27,8 +27,9 @@ run_tests() {
 
 # Two lanes. The builds (and the fuzzing, which needs nothing else) run one after another in the
 # background, at a lower priority, in a process group of their own so that a failed step ends them
-# whole; each marks its end with a file. The tests run in the foreground, each set as soon as its
-# build is there: most end-to-end tests wait on the headset's clock and leave the cores idle.
+# whole; each marks its end with a file. In the foreground, the normal build, then each set of
+# tests as soon as its build is there: most end-to-end tests wait on the headset's clock and leave
+# the cores idle.
 lane=$(mktemp -d)
 trap '[[ -z ${builds_pid-} ]] || kill -- "-$builds_pid" 2>/dev/null || true; rm -rf "$lane"' EXIT
 # Nobody debugs a CI build: without debug information the gcc builds compile a third faster.
@@ -68,9 +69,6 @@ await() {
   cat "$lane/$1.log"
 }
 
-stamp "build/normal"
-bash scripts/build.sh build/normal -DEMBERLINE_WERROR=ON "${release[@]}"
-
 stamp "in the background: build/asan (clang: ASan, UBSan and the fuzzers' coverage hooks)," \
   "build/arm64, build/tsan, fuzzing"
 export lane
@@ -78,6 +76,9 @@ export -f builds
 release_words=$(printf '%q ' "${release[@]}")
 setsid nice -n 10 bash -c "release=($release_words); builds" &
 builds_pid=$!
+
+stamp "build/normal"
+bash scripts/build.sh build/normal -DEMBERLINE_WERROR=ON "${release[@]}"
 
 stamp "tests of build/normal"
 run_tests build/normal
