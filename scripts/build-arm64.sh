@@ -3,12 +3,20 @@
 # tool under qemu, then the tests through ctest. The simulated headset and the tests that run
 # inside it need this machine's sandbox and are not cross-built; the arm64 tool runs inside the
 # host's simulated headset instead, built in HOST_BUILD_DIR (reused when already configured).
-#   build-arm64.sh [BUILD_DIR [HOST_BUILD_DIR]]     (default build/arm64 build/arm64-host)
+#   build-arm64.sh [--build-only] [BUILD_DIR [HOST_BUILD_DIR [CMAKE_OPTION...]]]
+#       (default build/arm64 build/arm64-host); --build-only stops after the cross build, and a
+#       later call without it reuses that build
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
+build_only=
+if [[ "${1-}" == --build-only ]]; then
+  build_only=1
+  shift
+fi
 dir=${1:-build/arm64}
 host_dir=${2:-$dir-host}
+cmake_options=("${@:3}")
 
 sudo=()
 [[ $(id -u) -eq 0 ]] || sudo=(sudo)
@@ -35,8 +43,10 @@ fi
 
 echo "== build $dir (aarch64)"
 cmake -S "$root" -B "$dir" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/aarch64-linux-gnu.cmake" \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DEMBERLINE_WERROR=ON -DEMBERLINE_BENCH=OFF >/dev/null
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DEMBERLINE_WERROR=ON -DEMBERLINE_BENCH=OFF \
+  "${cmake_options[@]}" >/dev/null
 cmake --build "$dir" -j "$(nproc)"
+[[ -z $build_only ]] || exit 0
 
 # The tool runs as cmake/aarch64-linux-gnu.cmake runs the tests.
 tool=(qemu-aarch64 -L / -E LD_LIBRARY_PATH=/usr/lib/aarch64-linux-gnu/android "$dir/emberline")

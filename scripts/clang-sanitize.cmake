@@ -8,5 +8,7 @@ set(CMAKE_C_COMPILER clang CACHE STRING "")
 set(CMAKE_BUILD_TYPE Sanitize CACHE STRING "")
 set(CMAKE_CXX_FLAGS "-O1 -gline-tables-only" CACHE STRING "")
 set(CMAKE_C_FLAGS "-O1 -gline-tables-only" CACHE STRING "")
+# The tests' own code at -O0: under the sanitizers it compiles in half the time of -O1.
+set(EMBERLINE_TEST_OPT -O0 CACHE STRING "")
 set(EMBERLINE_FUZZ ON CACHE BOOL "")
 set(EMBERLINE_BENCH OFF CACHE BOOL "")
