@@ -40,7 +40,8 @@ TEST(Charging, SuspendedForTheRunAndResumedAfterIt) {
 
 // A stop signal or a reader that went away (`emberline | head -1`) ends the run cleanly; after a
 // hangup the last words go to the log. A fatal signal's handler runs no destructor, and SIGKILL
-// runs no handler at all: the guard process the run left behind gives charging back.
+// runs no handler at all: the guard process the run left behind gives charging back. (The
+// handler of each fatal signal gives back on its own in the exit guard's unit test.)
 TEST(Charging, GivenBackOnEveryWayOut) {
   const std::string started = "Disabling charging...\nStarting trace. \nPress CTRL-C to stop...\n";
   const std::string stopped = R"(\n\nEnabling charging\.\.\.\n)", silent = "[^E]*";
@@ -58,7 +59,7 @@ TEST(Charging, GivenBackOnEveryWayOut) {
       // The message and its line end are two insertions, so two records.
       {SIGHUP, 0, 0, R"(\n\n)", {"emberline I Enabling charging...", "emberline I \n"}},
   };
-  for (int fatal : {SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL, SIGKILL}) {
+  for (int fatal : {SIGABRT, SIGKILL}) {
     cases.push_back({fatal, 0, fatal, silent});
   }
   for (const auto& c : cases) {
