@@ -14,9 +14,9 @@ namespace {
 
 using e2e::section;
 
-// --all on a Quillon headset: every charging attribute in its own unit, the instrumented hardware,
-// and the USB input measured by current_now.
-TEST(Quillon, AllShowsEveryChargeAttributeAndTheInstrumentedHardware) {
+// --all on a Quillon headset: every charging attribute in its own unit, and the USB input measured
+// by current_now. (What --all registers is the golden schema's.)
+TEST(Quillon, AllShowsEveryChargeAttributeInItsUnit) {
   struct Row {
     const char* file;
     const char* content;
@@ -65,17 +65,12 @@ TEST(Quillon, AllShowsEveryChargeAttributeAndTheInstrumentedHardware) {
     e2e::write_file(std::string("/sys/class/power_supply/") + row.file, row.content);
     expected += std::string(expected.size() > 9 ? " | " : "") + row.shown;
   }
-  e2e::write_file("/sys/devices/system/cpu/bw_prof/bwmon2/last_sample", "1\t400\t800\t547\n");
   auto result = e2e::run({"-c", "--all", "-t", "1"});
   EXPECT_EQ(result.exit_code, 0) << result.err;
   EXPECT_EQ(section(result.out, "[Charge] "), expected);
   EXPECT_TRUE(section(result.out, "[Power (USB)] ")
                   .starts_with("[Power (USB)] raw: 1.275W | current: 0.250A | voltage: 5.100V"))
       << result.out;
-  EXPECT_NE(section(result.out, "[Quillon DRAM] ").find(" total_bw_mbps: 1024 "),
-            std::string::npos);
-  EXPECT_NE(section(result.out, "[Quillon Rails] "), "");
-  EXPECT_NE(section(result.out, "[Example] "), "");
 
   std::remove("/sys/class/power_supply/usb/typec_power_role");
   result = e2e::run({"--no-power", "--charge-data", "-t", "1"});
