@@ -146,36 +146,6 @@ TEST_F(TraceTest, SessionsReportUnlessQuietAndEachRecordsAWholeTrace) {
   signal(SIGXFSZ, previous);
 }
 
-// Where the batch happens to be written out changes nothing in the trace: the same events give the
-// same packets whether each goes out alone or thousands share a write, and whether a packet is
-// larger than the batch or not.
-TEST_F(TraceTest, WritesOfAnySizeGiveTheSameTrace) {
-  const Track dsp(3, ProcessTrack::Current());
-  const std::string huge(kBatchBytes + 1, 'h');
-  const DebugAnnotation args[] = {{"dsp_cycle", 99}};
-  auto content = [&](bool flush_each) {
-    if (!start_session(path(), true)) return std::vector<std::string>{};
-    for (std::uint64_t i = 0; i < 20000; ++i) {
-      TrackEvent::Counter(CounterTrack(i % 2 ? "Watts" : "Current"), 1000 + i, 0.5 * i);
-      TrackEvent::SliceBegin(dsp, {3, 2000 + i}, i % 5000 == 7 ? huge.c_str() : "conv", args, 1);
-      if (flush_each) flush();
-    }
-    stop_session();
-    // Descriptors and the clock snapshot carry the time they were written at.
-    std::vector<std::string> packets;
-    for (const Message& packet : read_trace(path())) {
-      auto descriptor = packet.message(kTrackDescriptor);
-      packets.push_back(descriptor                       ? "D" + descriptor->bytes()
-                        : packet.message(kClockSnapshot) ? "S"
-                                                         : packet.bytes());
-    }
-    return packets;
-  };
-  const auto batched = content(false);
-  EXPECT_EQ(batched.size(), 1 + 4 + 40000u);
-  EXPECT_TRUE(batched == content(true));
-}
-
 // Stands in for the exit guard: a child forked now, holding the descriptors of this moment, that
 // cuts the session's file back once told that this process has ended.
 class Guard {
