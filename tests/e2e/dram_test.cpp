@@ -148,9 +148,9 @@ TEST(DramBandwidth, ARunEndedBySignalPutsTheNodesBack) {
     const std::size_t before = e2e::recorded_writes(0).size();
     e2e::Options stop;
     stop.signal_after_start = signal;
-    auto result = e2e::run(
-        {"--no-power", "--quillon-dram", "--quillon-dram-ms=3", "-s", "10", "-o", "10", "--csv"},
-        stop);
+    auto result = e2e::run({"-c", "--no-power", "--quillon-dram", "--quillon-dram-ms=3", "-s", "10",
+                            "-o", "10", "--csv"},
+                           stop);
     EXPECT_EQ(result.exit_code, signal == SIGTERM ? 0 : -1) << result.err;
     EXPECT_EQ(result.signal, signal == SIGTERM ? 0 : signal);
     const auto writes = e2e::recorded_writes(8, before, kRoot);
@@ -165,7 +165,7 @@ TEST(DramBandwidth, ARunEndedBySignalPutsTheNodesBack) {
 // 250, ... 1250 ms.
 TEST(DramBandwidth, ElevenCountersFollowEachSample) {
   lay_out_monitors();
-  auto result = e2e::run({"-p", "--no-power", "--quillon-dram", "-t", "1", "-s", "250"});
+  auto result = e2e::run({"-c", "-p", "--no-power", "--quillon-dram", "-t", "1", "-s", "250"});
   ASSERT_EQ(result.exit_code, 0) << result.err;
   e2e::expect_each_sample(
       e2e::counter_events(e2e::only_file(".perfetto-trace")),

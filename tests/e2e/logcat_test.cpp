@@ -53,8 +53,8 @@ TEST(Logcat, FieldsAverageOverEachWindowWhichStartsAtTheLastStampInclusive) {
                    entry(kSoon + "250", "I/Tracking( 1187)", "map relocalized") + ravelin_head +
                    std::string(499 - ravelin_head.size(), 'x') + "0-1-1 0:0:0.';>/tmp/p;' FPS=1\n" +
                    ravelin(kSoon + "300", "FPS=72/72,Prd=38ms,Tear=0,Stale=1"));
-  auto result = e2e::run(
-      {"--no-power", "--tail", "/data/local/tmp/tailed", "--dsp", "--ravelin", "-t", "2", "--csv"});
+  auto result = e2e::run({"-c", "--no-power", "--tail", "/data/local/tmp/tailed", "--dsp",
+                          "--ravelin", "-t", "2", "--csv"});
   ASSERT_EQ(result.exit_code, 0);
   EXPECT_EQ(result.err.find("logcat"), std::string::npos) << result.err;
   EXPECT_FALSE(std::filesystem::exists("/tmp/p") || std::filesystem::exists("/tmp/q"));
@@ -72,7 +72,7 @@ TEST(Logcat, FieldsAverageOverEachWindowWhichStartsAtTheLastStampInclusive) {
 TEST(Logcat, DspCountersRepeatTheLastOutputAtTheSampleRate) {
   e2e::write_file(
       kBuffer, telemetry(kSoon + "100", "787", kFirst) + telemetry(kSoon + "200", "1036", kSecond));
-  auto result = e2e::run({"--no-power", "--dsp", "-p", "-t", "2", "-s", "100"});
+  auto result = e2e::run({"-c", "--no-power", "--dsp", "-p", "-t", "2", "-s", "100"});
   ASSERT_EQ(result.exit_code, 0);
   auto counters = [](std::vector<double> values) {
     const char* names[] = {"global DSP Util", "Scalar Util", "HVX Util",

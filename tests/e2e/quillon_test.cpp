@@ -129,7 +129,7 @@ TEST(QuillonRails, OneFieldPerHexadecimalRailDirectory) {
   // A directory of another prefix is looked for under "epm:", and is not found there: the run
   // goes on without the section.
   rail("other:2", "cam\n", "1\n");
-  auto result = e2e::run({"--no-power", "--quillon-rails", "-t", "1"});
+  auto result = e2e::run({"-c", "--no-power", "--quillon-rails", "-t", "1"});
   EXPECT_EQ(result.exit_code, 0);
   EXPECT_EQ(result.err.find("ERROR: Failed to find name file for rail directory 'epm:2'.\n"), 0u)
       << result.err;

@@ -37,7 +37,7 @@ TEST(Stats, ReportsCraftedCountersInEveryFigure) {
   e2e::write_file(kBattery + "charge_counter", "3101234\n");
   e2e::write_file(kBattery + "charge_full", "5000000\n");
 
-  auto result = e2e::run({"--no-power", "--stats", "-t", "1", "--cycle", "--csv"});
+  auto result = e2e::run({"-c", "--no-power", "--stats", "-t", "1", "--cycle", "--csv"});
   EXPECT_EQ(result.exit_code, 0) << result.err;
   EXPECT_EQ(result.err.find("WARNING"), std::string::npos) << result.err;
   // Screen, battery, then by the time method: cores 0-7 and each cluster's frequency, average and
