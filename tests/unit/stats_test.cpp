@@ -156,47 +156,6 @@ TEST(StatsTree, CycleCheckNeedsTheExtendedFormatOfEveryCluster) {
   }
 }
 
-// The cycle method's steps on text, as the plugin takes them at each output: each cluster's
-// time_in_state at start-up (at a tick rate of 100), then one text per cluster at each pass.
-struct CycleMethod {
-  CycleMethod(std::vector<std::pair<int, int>> cluster_list, int num_cores,
-              const std::vector<std::string>& start)
-      : clusters(std::move(cluster_list)),
-        cpus{clusters, num_cores},
-        total_time(static_cast<std::size_t>(num_cores)),
-        busy_idle(static_cast<std::size_t>(num_cores)),
-        stats(static_cast<unsigned>(clusters.size()), static_cast<unsigned>(num_cores)) {
-    for (int c = 0; c < static_cast<int>(clusters.size()); ++c) {
-      EXPECT_TRUE(add_frequency_weights(start[static_cast<std::size_t>(c)], cpus, c, 100,
-                                        freq_table, busy_idle, total_time));
-    }
-  }
-  // None when a text does not parse.
-  std::optional<Figures> pass(const std::vector<std::string>& texts) {
-    for (int c = 0; c < static_cast<int>(clusters.size()); ++c) {
-      if (!parse_time_in_state(texts[static_cast<std::size_t>(c)], cpus, c, freq_table, busy_idle,
-                               total_time, buffers)) {
-        return std::nullopt;
-      }
-    }
-    stats.clear();
-    if (!prev_busy_idle.empty()) {
-      cycle_utilisation(cpus, freq_table, busy_idle, prev_busy_idle, total_time, prev_total_time,
-                        stats, buffers);
-    }
-    prev_busy_idle = busy_idle;
-    prev_total_time = total_time;
-    return figures(stats);
-  }
-
-  std::vector<std::pair<int, int>> clusters;
-  CpuTopology cpus;
-  CpuCounters freq_table, total_time, prev_total_time;
-  CpuBusyIdle busy_idle, prev_busy_idle;
-  CpuStats stats;
-  StatsBuffers buffers;
-};
-
 // Successive /proc/stat texts for cores 0-1 and 2-3, and what each pass gives.
 TEST(StatsTimeMethod, CoresAndClustersFollowTheTicksBetweenPasses) {
   const std::vector<std::pair<int, int>> clusters{{0, 1}, {2, 3}};
@@ -234,16 +193,25 @@ TEST(StatsTimeMethod, ACoreInNoClusterReportsAloneAndOneBeyondIsPassedOver) {
   account_proc_stat("cpu0 1 0 0 3 0 0 0 0 0 0\ncpu1 1 0 0 1 0 0 0 0 0 0\ncpu2 3 0 0 1\n",
                     {clusters, 2}, prev_rows, stats, buffers);
   EXPECT_EQ(figures(stats), (Figures{{0.25f, 0.5f}, {0.25f, 0.0f}, {0.25f, 0.0f}})) << "ticks";
-  CycleMethod cycles(clusters, 2, {"1000 10 0 0 5 5\n", "1000 10 0 0 5 5\n"});
-  ASSERT_TRUE(cycles.pass({"1000 10 0 0 5 5\n", "1000 10 0 0 5 5\n"}));
-  EXPECT_EQ(cycles.pass({"1000 20 0 0 10 10\n", "1000 10 0 0 5 5\n"}),
-            (Figures{{0.5f, 0.0f}, {0.5f, kNan}, {0.5f, 0.0f}}))
+  CpufreqDir dir({{"policy0/affected_cpus", "0\n"},
+                  {"policy2/affected_cpus", "2\n"},
+                  {"policy0/stats/time_in_state", "1000 10 0 0 5 5\n"},
+                  {"policy2/stats/time_in_state", "1000 10 0 0 5 5\n"}});
+  Stats cycles(true, dir.path);
+  ASSERT_TRUE(cycles.update_cpu_stats_by_cpu_cycles());
+  dir.write("policy0/stats/time_in_state", "1000 20 0 0 10 10\n");
+  ASSERT_TRUE(cycles.update_cpu_stats_by_cpu_cycles());
+  EXPECT_EQ(figures(cycles.cycle_stats), (Figures{{0.5f, 0.0f}, {0.5f, kNan}, {0.5f, 0.0f}}))
       << "cycles";
 }
 
-// One cluster of two cores, frequency rows weighing 10 and 20, and the text of each pass.
+// One cluster of two cores, frequency rows weighing 10 and 20 (at the tick rate of 100), and the
+// time_in_state of each pass.
 TEST(StatsCycleMethod, WeighsEachRowByItsFrequencyAndAveragesClusterSums) {
-  CycleMethod cycles({{0, 1}}, 2, {"1000 100 0 0 50 50 50 50\n2000 100 0 0 50 50 50 50\n"});
+  CpufreqDir dir(
+      {{"policy0/affected_cpus", "0 1\n"},
+       {"policy0/stats/time_in_state", "1000 100 0 0 50 50 50 50\n2000 100 0 0 50 50 50 50\n"}});
+  Stats cycles(true, dir.path);
   EXPECT_EQ(cycles.freq_table, (std::vector<Row>{{10, 20}}));
   const auto f = [](double d) { return static_cast<float>(d); };
   for (auto [text, expected] : std::vector<std::pair<std::string, std::optional<Figures>>>{
@@ -266,7 +234,11 @@ TEST(StatsCycleMethod, WeighsEachRowByItsFrequencyAndAveragesClusterSums) {
            // A row short of a core's columns, in any row, fails the reading.
            {"1000 140 0 0 60 65 53\n2000 110 0 0 51 59 55 55\n", std::nullopt},
            {"1000 140 0 0 60 65 53 53\n2000 110 0 0 51 59 55 55 1\n", std::nullopt}}) {
-    EXPECT_EQ(cycles.pass({text}), expected) << text;
+    dir.write("policy0/stats/time_in_state", text);
+    testing::internal::CaptureStderr();
+    const bool read = cycles.update_cpu_stats_by_cpu_cycles();
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(read ? std::optional(figures(cycles.cycle_stats)) : std::nullopt, expected) << text;
   }
 }
 
