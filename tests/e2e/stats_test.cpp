@@ -52,6 +52,7 @@ TEST(Stats, ReportsCraftedCountersInEveryFigure) {
             "0.25000");
 }
 
+// The run ends at its time limit, which gives charging back.
 TEST(Stats, MissingSourcesWarnAtStartAndReportNull) {
   for (const std::string& path :
        {kKgsl + "gpubusy_accum", kKgsl + "gpubusy", kKgsl + "clock_mhz",
@@ -71,6 +72,7 @@ TEST(Stats, MissingSourcesWarnAtStartAndReportNull) {
                 "WARNING: stats: failed to read CPU frequency\n"
                 "Disabling charging...\nStarting 1 second trace. \nPress CTRL-C to stop...\n\n\n"
                 "Enabling charging...\n");
+  EXPECT_EQ(e2e::recorded_writes(8), e2e::charging_suspended_then_resumed());
   auto out = e2e::lines(result.out);
   ASSERT_EQ(out.size(), 7u) << result.out;
   EXPECT_EQ(out[1], "[Stats] screen: null | bat: null");
