@@ -32,6 +32,7 @@ TEST(Values, RenderEachForm) {
       {"reading cleared", cleared, "null", "null", "null"},
       {"string never set", holding<StringValue>(), "null", "null", "null"},
       {"switch", holding<SwitchValue>(true), "on", "true", "true"},
+      {"switch off", holding<SwitchValue>(false), "off", "false", "false"},
       // 2.675f is 2.67499995..., so rounding from the stored float goes down.
       {"rounding", holding<RoundedValue<2>>(2.675f), "2.67", "2.67", "2.67"},
       {"timestamp keeps double precision", holding<TimestampValue<3>>(1700000000.1239),
