@@ -85,6 +85,7 @@ TEST(EndToEnd, ReportFileAndLog) {
               "sequence,timestamp,device_timestamp,example.num_samples,example.num_outputs\n"
               "1,1.000,<epoch>,3,1\n2,2.000,<epoch>,5,2\n");
     const auto out = lines(result.out);
+    ASSERT_EQ(out.size(), 3u);
     EXPECT_EQ(file_at_first_report, out[0] + "\n" + out[1] + "\n");
     EXPECT_EQ(e2e::read_file(file), result.out);
     const auto [console, logged] = e2e::log_records(result.err, result.pid);
