@@ -1,4 +1,5 @@
-// The rail monitors of a Brantley engineering sample, through the real binary.
+// The rail monitors of a Brantley engineering sample: the plugin inside the headset, and the real
+// binary on production hardware.
 
 #include <gtest/gtest.h>
 
@@ -21,12 +22,14 @@ TEST(BrantleyRails, RailsByNameInWatts) {
   e2e::write_file(kDevice4 + "average_value",
                   "0,1000000,1000000\n1,2000000,500000\n2,500000,500000\n3,3000000,100000\n"
                   "4,1000000,123000\n");
-  auto result = e2e::run({"--no-power", "--brantley-rails", "-t", "1"});
-  EXPECT_EQ(result.exit_code, 0) << result.err;
-  EXPECT_EQ(e2e::section(result.out, "[Rails] "),
-            "[Rails] gold: 1.900W | silver: 0.250W | soc_ram: null | gpu: 1.000W | "
-            "ram_contr: 1.000W | dimm1: 0.250W | dimm2: 0.300W | LDO9: 0.123W");
-  EXPECT_EQ(result.err.find("ERROR"), std::string::npos) << result.err;
+  emberline::PowerRailsPlugin plugin;
+  testing::internal::CaptureStderr();
+  ASSERT_TRUE(plugin.init());
+  ASSERT_TRUE(plugin.on_output());
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(plugin.to_str(),
+            "gold: 1.900W | silver: 0.250W | soc_ram: null | gpu: 1.000W | ram_contr: 1.000W | "
+            "dimm1: 0.250W | dimm2: 0.300W | LDO9: 0.123W");
 }
 
 TEST(BrantleyRails, ProductionHardwareLeavesTheSectionOutAndRunsOn) {

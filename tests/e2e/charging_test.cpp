@@ -14,8 +14,12 @@ std::size_t writes_so_far() {
   return e2e::recorded_writes(0).size();
 }
 
-TEST(Charging, SuspendedForTheRunAndResumedAfterIt) {
-  // A run that never reaches the loop must write nothing at all.
+// A run that never reaches the loop writes nothing at all. A stop signal or a reader that went
+// away (`emberline | head -1`) ends the run cleanly; after a hangup the last words go to the log.
+// A fatal signal's handler runs no destructor, and SIGKILL runs no handler at all: the guard
+// process the run left behind gives charging back. (The time limit's end is the stats runs', and
+// the handler of each fatal signal gives back on its own in the exit guard's unit test.)
+TEST(Charging, GivenBackOnEveryWayOut) {
   std::remove("/sys/class/power_supply/battery/voltage_now");
   auto failed = e2e::run({"-t", "1"});
   EXPECT_EQ(failed.exit_code, 1);
@@ -25,23 +29,6 @@ TEST(Charging, SuspendedForTheRunAndResumedAfterIt) {
             "ERROR: Failed to initialize plugin 'power'\n");
   ASSERT_EQ(writes_so_far(), 0u);
 
-  auto result = e2e::run({"--no-power", "--example", "-t", "2"});
-  EXPECT_EQ(result.exit_code, 0);
-  EXPECT_EQ(e2e::round_seconds(e2e::mask_times(result.out)),
-            "sequence: 1 | timestamp: 1.000 | device_timestamp: <epoch>\n"
-            "[Example] num_samples: 3 | num_outputs: 1\n------\n"
-            "sequence: 2 | timestamp: 2.000 | device_timestamp: <epoch>\n"
-            "[Example] num_samples: 5 | num_outputs: 2\n------\n");
-  EXPECT_EQ(result.err,
-            "Disabling charging...\nStarting 2 second trace. \nPress CTRL-C to stop...\n\n\n"
-            "Enabling charging...\n");
-  EXPECT_EQ(e2e::recorded_writes(8), e2e::charging_suspended_then_resumed());
-}
-
-// A stop signal or a reader that went away (`emberline | head -1`) ends the run cleanly; after a
-// hangup the last words go to the log. A fatal signal's handler runs no destructor, and SIGKILL
-// runs no handler at all: the guard process the run left behind gives charging back.
-TEST(Charging, GivenBackOnEveryWayOut) {
   const std::string started = "Disabling charging...\nStarting trace. \nPress CTRL-C to stop...\n";
   const std::string stopped = R"(\n\nEnabling charging\.\.\.\n)", silent = "[^E]*";
   struct Case {
@@ -58,7 +45,7 @@ TEST(Charging, GivenBackOnEveryWayOut) {
       // The message and its line end are two insertions, so two records.
       {SIGHUP, 0, 0, R"(\n\n)", {"emberline I Enabling charging...", "emberline I \n"}},
   };
-  for (int fatal : {SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL, SIGKILL}) {
+  for (int fatal : {SIGABRT, SIGKILL}) {
     cases.push_back({fatal, 0, fatal, silent});
   }
   for (const auto& c : cases) {

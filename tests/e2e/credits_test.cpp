@@ -5,12 +5,12 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <set>
 #include <thread>
 
 #include "ar_sys_stats/ar_sys_stats.h"
-#include "credits_helpers.h"
 #include "harness.h"
 #include "plugins/cpu_credits_plugin.h"
 #include "support/heap_counter.h"
@@ -18,7 +18,44 @@
 namespace {
 
 using namespace ArSysStats;
-using credits::task_dir;
+
+// The headset's thread tree as the test sees it, in the state directory.
+std::vector<std::string> entries(const std::string& dir) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    names.push_back(entry.path().filename());
+  }
+  return names;
+}
+
+std::string task_dir(int pid) {
+  return e2e::state_dir() + "/proc/" + std::to_string(pid) + "/task/";
+}
+
+// The thread of `pid` named `comm`; -1 if there is none.
+int find_tid(int pid, const std::string& comm) {
+  for (const std::string& tid : entries(task_dir(pid))) {
+    if (e2e::read_file(task_dir(pid) + tid + "/comm") == comm + "\n") return std::stoi(tid);
+  }
+  return -1;
+}
+
+// Adds `ticks` to the counter of `freq` in the first cluster of a thread's time_in_state.
+void add_ticks(int pid, int tid, long freq, long ticks) {
+  std::string path = task_dir(pid) + std::to_string(tid) + "/time_in_state";
+  std::string text;
+  for (const std::string& line : e2e::lines(e2e::read_file(path))) {
+    long f = 0, t = 0;
+    if (!line.starts_with("cpu") && std::sscanf(line.c_str(), "%ld %ld", &f, &t) == 2 &&
+        f == freq && ticks != 0) {
+      text += std::to_string(f) + " " + std::to_string(t + ticks) + "\n";
+      ticks = 0;
+    } else {
+      text += line + "\n";
+    }
+  }
+  e2e::write_file(path, text);
+}
 
 // Credits are per whole millisecond of the period; a period that short would have none.
 void let_a_period_pass() {
@@ -27,9 +64,9 @@ void let_a_period_pass() {
 
 std::size_t threads_on_disk() {
   std::size_t n = 0;
-  for (const std::string& pid : credits::entries(e2e::state_dir() + "/proc")) {
+  for (const std::string& pid : entries(e2e::state_dir() + "/proc")) {
     if (std::isdigit(static_cast<unsigned char>(pid[0]))) {
-      n += credits::entries(task_dir(std::stoi(pid))).size();
+      n += entries(task_dir(std::stoi(pid))).size();
     }
   }
   return n;
@@ -53,13 +90,17 @@ const ProcStats* find(const std::vector<ProcStats>& snapshot, int pid, int tid) 
 }
 
 // A process without a task directory is passed over, as are entries of a task directory that
-// name no thread.
+// name no thread. A counters file longer than one read comes in several pieces, with lines across
+// their borders; a line too long for the line buffer ends the counting wherever it stands.
 TEST(ThreadWalk, ReadsEveryThreadWithItsIdentityOnce) {
   const int sf = 2131;
-  const int engine = credits::find_tid(sf, "RenderEngine");
-  e2e::write_file(task_dir(sf) + std::to_string(engine) + "/time_in_state",
-                  "cpu0\n300000 7\n691200 1\ncpu4\n710400 2\n2419200 3\n");
-  const std::size_t threads = threads_on_disk() - credits::entries(task_dir(2890)).size();
+  const int engine = find_tid(sf, "RenderEngine");
+  std::string text = "cpu0\n300000 7\n691200 1\n";
+  for (int i = 0; i < 2000; ++i) text += "1 1\n";
+  text += "cpu4\n710400 2\n2419200 3\n" + std::string(1019, ' ') + "7 3\n" +
+          std::string(1021, ' ') + "7 3\n9 9\n";
+  e2e::write_file(task_dir(sf) + std::to_string(engine) + "/time_in_state", text);
+  const std::size_t threads = threads_on_disk() - entries(task_dir(2890)).size();
   ASSERT_EQ(::rename(task_dir(2890).c_str(), (e2e::state_dir() + "/proc/2890/away").c_str()), 0);
   ::mkdir((task_dir(sf) + "0").c_str(), 0755);
   ::mkdir((task_dir(sf) + "binder").c_str(), 0755);
@@ -73,31 +114,14 @@ TEST(ThreadWalk, ReadsEveryThreadWithItsIdentityOnce) {
   ASSERT_NE(s, nullptr);
   EXPECT_EQ(s->info->comm, "RenderEngine");
   EXPECT_EQ(s->info->cmdline, std::string("/system/bin/surfaceflinger\0", 27));
-  EXPECT_EQ(s->time_per_cluster, (ClusterMap<long>{{0, 8}, {4, 5}}));
-  EXPECT_EQ(s->cycles_per_cluster,
-            (ClusterMap<long>{{0, 7 * 300000L + 691200}, {4, 2 * 710400L + 3 * 2419200L}}));
+  EXPECT_EQ(s->time_per_cluster, (ClusterMap<long>{{0, 2008}, {4, 8}}));
+  EXPECT_EQ(s->cycles_per_cluster, (ClusterMap<long>{{0, 7 * 300000L + 691200 + 2000},
+                                                     {4, 2 * 710400L + 3 * 2419200L + 21}}));
 
   // Names are read once: a later change of name is not seen.
   e2e::write_file(task_dir(sf) + std::to_string(engine) + "/comm", "renamed\n");
   std::vector<ProcStats> again = ExtractStatsAllProc(cache);
   EXPECT_EQ(find(again, sf, engine)->info->comm, "RenderEngine");
-}
-
-// A file longer than one read comes in several pieces, with lines across their borders; a line
-// too long for the line buffer ends the counting wherever it stands.
-TEST(ThreadWalk, CountersLongerThanOneReadCountWhole) {
-  const int sf = 2131;
-  const int engine = credits::find_tid(sf, "RenderEngine");
-  std::string text = "cpu0\n";
-  for (int i = 0; i < 2000; ++i) text += "1 1\n";
-  text += "cpu4\n" + std::string(1019, ' ') + "7 3\n" + std::string(1021, ' ') + "7 3\n9 9\n";
-  e2e::write_file(task_dir(sf) + std::to_string(engine) + "/time_in_state", text);
-  auto cache = std::make_shared<ProcInfoCache::element_type>();
-  const std::vector<ProcStats> snapshot = ExtractStatsAllProc(cache);
-  const ProcStats* s = find(snapshot, sf, engine);
-  ASSERT_NE(s, nullptr);
-  EXPECT_EQ(s->time_per_cluster, (ClusterMap<long>{{0, 2000}, {4, 3}}));
-  EXPECT_EQ(s->cycles_per_cluster, (ClusterMap<long>{{0, 2000}, {4, 21}}));
 }
 
 // The report's names after threads started, ended and gained time between two ticks. What a
@@ -106,8 +130,8 @@ TEST(CreditsTick, ThreadsBornAndEndedBetweenTicks) {
   const int ravelin = 2601, home = 2755, shell = 2890;
   emberline::CpuCreditsPlugin plugin;
   ASSERT_TRUE(plugin.init());
-  const int ended = credits::find_tid(home, "UnityMain");
-  credits::add_ticks(home, ended, 2419200, 100000);
+  const int ended = find_tid(home, "UnityMain");
+  add_ticks(home, ended, 2419200, 100000);
   // Out of the listing as the headset ends a thread: a name that is no number.
   const std::string dir = task_dir(home) + std::to_string(ended), gone = task_dir(home) + ".gone";
   ASSERT_EQ(::rename(dir.c_str(), gone.c_str()), 0);
@@ -117,9 +141,9 @@ TEST(CreditsTick, ThreadsBornAndEndedBetweenTicks) {
   e2e::write_file(born + "comm", "RenderThread\n");
   e2e::write_file(born + "cmdline", std::string("sh\0", 3));
   e2e::write_file(born + "time_in_state", "cpu0\n300000 100000\n");
-  credits::add_ticks(ravelin, credits::find_tid(ravelin, "HeapTaskDaemon"), 300000, 100000);
-  credits::add_ticks(home, credits::find_tid(home, "HeapTaskDaemon"), 300000, 100000);
-  credits::add_ticks(shell, shell, 300000, 100000);
+  add_ticks(ravelin, find_tid(ravelin, "HeapTaskDaemon"), 300000, 100000);
+  add_ticks(home, find_tid(home, "HeapTaskDaemon"), 300000, 100000);
+  add_ticks(shell, shell, 300000, 100000);
   let_a_period_pass();
   ASSERT_TRUE(plugin.on_output());
   std::set<std::string> names;
@@ -155,8 +179,8 @@ TEST(CreditsTick, SteadyStateTakesAFewHeapBlocksAndKeepsNoDescriptor) {
   ASSERT_TRUE(plugin.on_output());
   for (const char* name : {"RenderThread", "HeapTaskDaemon", "TimeWarp", "RenderEngine"}) {
     for (int pid : {2131, 2215, 2601, 2755}) {
-      const int tid = credits::find_tid(pid, name);
-      if (tid > 0) credits::add_ticks(pid, tid, pid == 2215 ? 300000 : 710400, 100000);
+      const int tid = find_tid(pid, name);
+      if (tid > 0) add_ticks(pid, tid, pid == 2215 ? 300000 : 710400, 100000);
     }
   }
   let_a_period_pass();
@@ -187,7 +211,7 @@ TEST(ThreadWalk, ThreadsGoneBeforeTheirFilesAreReadAreLeftOutSilently) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    const int tid = credits::find_tid(home, "UnityMain");
+    const int tid = find_tid(home, "UnityMain");
     const std::string file = task_dir(home) + std::to_string(tid) + "/" + c.removed;
     ASSERT_EQ(::rename(file.c_str(), (file + ".away").c_str()), 0);
 
@@ -200,7 +224,7 @@ TEST(ThreadWalk, ThreadsGoneBeforeTheirFilesAreReadAreLeftOutSilently) {
     // Only the rest of that process is missing, never another process's threads.
     std::size_t others = 0;
     for (const ProcStats& s : snapshot) others += s.pid != home;
-    EXPECT_EQ(others, threads_on_disk() - credits::entries(task_dir(home)).size());
+    EXPECT_EQ(others, threads_on_disk() - entries(task_dir(home)).size());
 
     ASSERT_EQ(::rename((file + ".away").c_str(), file.c_str()), 0);
     std::vector<ProcStats> next = ExtractStatsAllProc(cache);
@@ -215,15 +239,15 @@ TEST(CreditsReport, NamesWithOneCreditOrMore) {
   // change its digits.
   const int ravelin = 2601, home = 2755, shell = 2890, zygote = 2160;
   auto change = [&] {
-    credits::add_ticks(ravelin, credits::find_tid(ravelin, "RenderThread"), 691200, 1);
-    credits::add_ticks(ravelin, credits::find_tid(ravelin, "RenderThread"), 300000, 1);
-    credits::add_ticks(home, credits::find_tid(home, "RenderThread"), 300000, 2);  // 3, not 4
-    credits::add_ticks(shell, shell, 300000, 2);
-    credits::add_ticks(zygote, zygote, 691200, 1);
-    credits::add_ticks(zygote, zygote, 300000, 1);
-    credits::add_ticks(home, credits::find_tid(home, "Job.Worker 0"), 300000, 1);  // under one
-    credits::add_ticks(home, credits::find_tid(home, "HeapTaskDaemon"), 300000, 1);
-    credits::add_ticks(ravelin, credits::find_tid(ravelin, "HeapTaskDaemon"), 300000, 1);
+    add_ticks(ravelin, find_tid(ravelin, "RenderThread"), 691200, 1);
+    add_ticks(ravelin, find_tid(ravelin, "RenderThread"), 300000, 1);
+    add_ticks(home, find_tid(home, "RenderThread"), 300000, 2);  // 3, not 4
+    add_ticks(shell, shell, 300000, 2);
+    add_ticks(zygote, zygote, 691200, 1);
+    add_ticks(zygote, zygote, 300000, 1);
+    add_ticks(home, find_tid(home, "Job.Worker 0"), 300000, 1);  // under one
+    add_ticks(home, find_tid(home, "HeapTaskDaemon"), 300000, 1);
+    add_ticks(ravelin, find_tid(ravelin, "HeapTaskDaemon"), 300000, 1);
     // A thread started within the period counts whole, under its own name.
     const std::string born = task_dir(shell) + "4242/";
     std::filesystem::create_directories(born);
@@ -231,9 +255,12 @@ TEST(CreditsReport, NamesWithOneCreditOrMore) {
     e2e::write_file(born + "cmdline", std::string("sh\0", 3));
     e2e::write_file(born + "time_in_state", "cpu0\n300000 2\ncpu4\n710400 0\n");
   };
-  // Charging goes on, so that the run starts at once rather than after the charger settles.
-  e2e::Result result = credits::run_changing_after_first_snapshot(
-      {"--no-power", "-c", "--credits", "-t", "1"}, change);
+  // The counters change once the run has started, after the snapshot it takes at start; the next
+  // is a whole output period later. Charging goes on, so that the run starts at once rather than
+  // after the charger settles.
+  e2e::Options options;
+  options.once_started = change;
+  e2e::Result result = e2e::run({"--no-power", "-c", "--credits", "-t", "1"}, options);
   EXPECT_EQ(result.exit_code, 0);
   EXPECT_EQ(e2e::round_seconds(e2e::mask_times(result.out)),
             "sequence: 1 | timestamp: 1.000 | device_timestamp: <epoch>\n"

@@ -1,4 +1,5 @@
-// -p in a frozen headset: no reports, and a trace file with the power counters at the sample rate.
+// -p in a frozen headset whose supply files the test sets: no reports, and a trace file with the
+// power counters at the sample rate.
 
 #include <gtest/gtest.h>
 
@@ -7,12 +8,16 @@
 namespace {
 
 // Both supplies feed the same four tracks, the USB path first, at every sample: 0, 100, ...
-// 1100 ms.
+// 1100 ms. A generic headset measures its USB input by input_current_now, and a discharging
+// battery's power is negative. (The reports show the same values, in the forms the unit tests
+// and the golden schema check.)
 TEST(Perfetto, PowerCountersReachTheTraceAtTheSampleRate) {
-  e2e::write_file("/sys/class/power_supply/battery/current_now", "1500000\n");
-  e2e::write_file("/sys/class/power_supply/battery/voltage_now", "4000000\n");
-  e2e::write_file("/sys/class/power_supply/usb/input_current_now", "500000\n");
-  e2e::write_file("/sys/class/power_supply/usb/voltage_now", "5000000\n");
+  const std::string supply = "/sys/class/power_supply/";
+  e2e::write_file(supply + "battery/current_now", "-1500000\n");
+  e2e::write_file(supply + "battery/voltage_now", "4000000\n");
+  e2e::write_file(supply + "usb/input_current_now", "500000\n");
+  e2e::write_file(supply + "usb/current_now", "250000\n");
+  e2e::write_file(supply + "usb/voltage_now", "5000000\n");
   auto result = e2e::run({"-p", "-t", "1", "-s", "100", "-c", "-e", "0.5"});
   EXPECT_EQ(result.exit_code, 0);
   EXPECT_EQ(result.out, "");
@@ -23,8 +28,8 @@ TEST(Perfetto, PowerCountersReachTheTraceAtTheSampleRate) {
   ASSERT_NE(path, "");
   EXPECT_EQ(e2e::lines(result.err)[0], "Trace will be saved to '" + path + "'");
   e2e::expect_each_sample(e2e::counter_events(path),
-                          {"Watts 2.5", "Current 0.5", "Voltage 5", "Smoothed Power 2.5", "Watts 6",
-                           "Current 1.5", "Voltage 4", "Smoothed Power 6"},
+                          {"Watts 2.5", "Current 0.5", "Voltage 5", "Smoothed Power 2.5",
+                           "Watts -6", "Current -1.5", "Voltage 4", "Smoothed Power -6"},
                           12);
 }
 

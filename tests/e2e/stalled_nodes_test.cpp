@@ -62,68 +62,53 @@ std::string first_thread_node(const char* name) {
   return "";
 }
 
-struct Case {
-  const char* plugin;
-  bool on_device;
-  std::function<std::shared_ptr<Plugin>()> make;
-  std::vector<std::string> nodes;
-};
+// Makes the plugin anew for each case.
+template <typename P, typename... Args>
+std::function<std::shared_ptr<Plugin>()> make(Args... args) {
+  return [=] { return std::make_shared<P>(args...); };
+}
 
 TEST(StalledNodes, EveryPluginStepComesBack) {
   const std::string ps = "/sys/class/power_supply/", cpufreq = "/sys/devices/system/cpu/cpufreq/",
                     bw = "/sys/devices/system/cpu/bw_prof/bwmon0/";
-  const Case cases[] = {
-      {"power",
-       true,
-       [] { return std::make_shared<PowerWindowPlugin>(PowerPath::BATTERY, 4, true); },
+  // Whether the headset has the plugin's hardware, the plugin, and the nodes that stall.
+  const struct {
+    bool on_device;
+    std::function<std::shared_ptr<Plugin>()> make;
+    std::vector<std::string> nodes;
+  } cases[] = {
+      // clang-format off
+      {true, make<PowerWindowPlugin>(PowerPath::BATTERY, 4, true),
        {ps + "battery/current_now", ps + "battery/voltage_now"}},
-      {"stats",
-       true,
-       [] { return std::make_shared<StatsPlugin>(false); },
+      {true, make<StatsPlugin>(false),
        {cpufreq + "policy0/cpuinfo_cur_freq", "/sys/class/kgsl/kgsl-3d0/gpubusy_accum",
         "/sys/class/kgsl/kgsl-3d0/clock_mhz", "/sys/class/backlight/panel0-backlight/bl_power",
         ps + "battery/charge_counter"}},
-      {"stats topology",
-       true,
-       [] { return std::make_shared<StatsPlugin>(true); },
+      {true, make<StatsPlugin>(true),
        {cpufreq + "policy4/affected_cpus", cpufreq + "policy0/stats/time_in_state"}},
-      {"credits",
-       true,
-       [] { return std::make_shared<CpuCreditsPlugin>(); },
+      {true, make<CpuCreditsPlugin>(),
        {first_thread_node("time_in_state"), first_thread_node("comm")}},
-      {"thermals",
-       true,
-       [] { return std::make_shared<ThermalsPlugin>(); },
+      {true, make<ThermalsPlugin>(),
        {"/sys/class/hwmon/hwmon3/rpm", "/sys/class/thermal/thermal_zone0/temp"}},
-      {"tail",
-       true,
-       [] { return std::make_shared<FilePlugin>(std::vector<std::string>{"/sys/x"}); },
-       {"/sys/x"}},
-      {"charge",
-       is_chipset2_device,
-       [] { return std::make_shared<ChargePlugin>(); },
+      {true, make<FilePlugin>(std::vector<std::string>{"/sys/x"}), {"/sys/x"}},
+      {is_chipset2_device, make<ChargePlugin>(),
        {ps + "usb/voltage_now", ps + "usb/typec_power_role"}},
-      {"quillon rails",
-       is_chipset2_device,
-       [] { return std::make_shared<QuillonPowerRailsPlugin>(); },
+      {is_chipset2_device, make<QuillonPowerRailsPlugin>(),
        {"/sys/class/powercap/epm:0/name", "/sys/class/powercap/epm:1/power_uw"}},
-      {"quillon dram",
-       is_chipset2_device,
-       [] { return std::make_shared<QuillonDRAMBandwidthPlugin>(20); },
+      {is_chipset2_device, make<QuillonDRAMBandwidthPlugin>(20),
        {bw + "last_sample", bw + "client"}},
-      {"brantley rails",
-       is_brantley,
-       [] { return std::make_shared<PowerRailsPlugin>(); },
+      {is_brantley, make<PowerRailsPlugin>(),
        {"/sys/bus/iio/devices/iio:device3/available_rails",
         "/sys/bus/iio/devices/iio:device4/average_value"}},
+      // clang-format on
   };
   e2e::write_file("/sys/x", "1\n");
   // A step that waits for good ends the test here instead of at ctest's limit.
   alarm(60);
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     if (!c.on_device) continue;
     for (bool with_writer : {true, false}) {
-      SCOPED_TRACE(std::string(c.plugin) + (with_writer ? ", silent writer" : ", no writer"));
+      SCOPED_TRACE(c.nodes[0] + (with_writer ? ", silent writer" : ", no writer"));
       Stalled stalled(c.nodes, with_writer);
       testing::internal::CaptureStderr();
       auto plugin = c.make();

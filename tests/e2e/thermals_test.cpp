@@ -158,7 +158,7 @@ TEST(ThermalsPlugin, ReadsGoOnAcrossTheServiceDyingAndComingBack) {
 
 // The real binary over the headset's thermal class and fan, as the frozen headset leaves them.
 TEST(ThermalsEndToEnd, ReportsTheHeadsetsZones) {
-  auto result = e2e::run({"--no-power", "--thermals", "-t", "1"});
+  auto result = e2e::run({"-c", "--no-power", "--thermals", "-t", "1"});
   EXPECT_EQ(result.exit_code, 0) << result.err;
   const std::string head = "[Thermals] fan_rpm: 1500\n    [BATTERY] status: NONE | battery: 29.00C";
   EXPECT_NE(result.out.find(head + "\n    [CPU] status: NONE | cpuss-0: 38.00C |"),

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -38,53 +39,23 @@ std::string shown(const Profile& profile, const std::string& path) {
   return "absent";
 }
 
-TEST(Profiles, EachGenerationShowsItsIdentityGaugeAndHardware) {
+// Each profile's identity, clusters, thermal zones, rails and DRAM monitors show in its golden
+// schema. What no schema shows is the battery gauge: the full charge, the charge now, and the
+// design capacity where the charge plugin has it, above the full charge of a worn battery.
+TEST(Profiles, EachGenerationHasItsBatteryGauge) {
   const std::string battery = "/sys/class/power_supply/battery/";
-  struct Case {
-    const char* profile;
-    const char* device;
-    // The gauge: full charge, charge now, and the design capacity where the charge plugin has it.
-    const char* full;
-    const char* counter;
-    const char* design;
-    const char* last_rail;    // the name of the highest powercap rail, "absent" without rails
-    const char* first_zone;   // thermal_zone0's name
-    const char* big_cluster;  // affected_cpus of policy4
-  } cases[] = {
-      {"generic", "generic", "5000000\n", "3100000\n", "absent", "absent", "cpuss-0\n",
-       "4 5 6 7\n"},
-      {"generic-3000", "generic", "5000000\n", "3100000\n", "absent", "absent", "cpuss-0\n",
-       "4 5 6 7\n"},
-      {"brantley", "brantley", "3640000\n", "2584400\n", "absent", "absent", "cpuss-0\n",
-       "4 5 6 7\n"},
-      // A worn battery: the gauge's full charge is below the design's.
-      {"fennick", "fennick", "4877840\n", "2682812\n", "5060000\n", "cam\n", "cpuss-0\n", "4 5\n"},
-      {"maplet", "maplet", "4242240\n", "2884723\n", "4320000\n", "cam\n", "cpuss-0-0\n",
-       "4 5 6 7\n"},
-      {"dorrin", "dorrin", "5230500\n", "2458335\n", "5500000\n", "vdd_disp\n", "cpuss-l0\n",
-       "4 5\n"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.profile);
-    const Profile& p = *find_profile(c.profile);
-    EXPECT_NE(
-        shown(p, "/system/build.prop").find("\nro.product.device=" + std::string(c.device) + "\n"),
-        std::string::npos);
-    EXPECT_EQ(shown(p, battery + "charge_full"), c.full);
-    EXPECT_EQ(shown(p, battery + "charge_counter"), c.counter);
-    EXPECT_EQ(shown(p, battery + "charge_full_design"), c.design);
-    std::string last_rail = "absent";
-    for (int i = 0; i < 16; ++i) {
-      char dir[64];
-      std::snprintf(dir, sizeof dir, "/sys/class/powercap/epm:%x/name", i);
-      if (shown(p, dir) != "absent") last_rail = shown(p, dir);
-    }
-    EXPECT_EQ(last_rail, c.last_rail);
-    EXPECT_EQ(shown(p, "/sys/class/thermal/thermal_zone0/type"), c.first_zone);
-    EXPECT_EQ(shown(p, "/sys/devices/system/cpu/cpufreq/policy4/affected_cpus"), c.big_cluster);
-    // Every Quillon headset has the DRAM bandwidth monitors; no other has.
-    EXPECT_EQ(shown(p, "/sys/devices/system/cpu/bw_prof/sample_ms") != "absent",
-              std::string(c.design) != "absent");
+  for (auto [profile, full, counter, design] :
+       std::vector<std::array<const char*, 4>>{{"generic", "5000000\n", "3100000\n", "absent"},
+                                               {"generic-3000", "5000000\n", "3100000\n", "absent"},
+                                               {"brantley", "3640000\n", "2584400\n", "absent"},
+                                               {"fennick", "4877840\n", "2682812\n", "5060000\n"},
+                                               {"maplet", "4242240\n", "2884723\n", "4320000\n"},
+                                               {"dorrin", "5230500\n", "2458335\n", "5500000\n"}}) {
+    SCOPED_TRACE(profile);
+    const Profile& p = *find_profile(profile);
+    EXPECT_EQ(shown(p, battery + "charge_full"), full);
+    EXPECT_EQ(shown(p, battery + "charge_counter"), counter);
+    EXPECT_EQ(shown(p, battery + "charge_full_design"), design);
   }
 }
 

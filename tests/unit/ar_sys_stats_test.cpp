@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <iomanip>
+#include <iterator>
 #include <map>
 #include <random>
 #include <sstream>
@@ -227,6 +228,24 @@ ProcStats thread(int pid, int tid, long long at_us, ClusterMap<long> cycles,
   return s;
 }
 
+// A delta as one line: the thread, whether it is new, microseconds, credits, then cycles (c),
+// times (t) and credits (k) by cluster.
+std::string summary(const ProcStats& d) {
+  std::ostringstream out;
+  out << std::setprecision(12) << d.pid << "/" << d.tid << (d.is_new ? " new " : " ")
+      << d.duration.count() << "us " << d.credits;
+  for (auto [cluster, n] : d.cycles_per_cluster) out << " c" << cluster << "=" << n;
+  for (auto [cluster, n] : d.time_per_cluster) out << " t" << cluster << "=" << n;
+  for (auto [cluster, x] : d.credits_per_cluster) out << " k" << cluster << "=" << x;
+  return out.str();
+}
+
+std::vector<std::string> summaries(const std::vector<ProcStats>& deltas) {
+  std::vector<std::string> lines;
+  std::transform(deltas.begin(), deltas.end(), std::back_inserter(lines), summary);
+  return lines;
+}
+
 TEST(SnapshotDelta, PairsThreadsAndCreditsTheirDifferences) {
   // Earlier snapshot at 1 s, later at 2 s; the first element of the earlier one sets the start of
   // threads that are new.
@@ -243,25 +262,14 @@ TEST(SnapshotDelta, PairsThreadsAndCreditsTheirDifferences) {
       thread(40, 41, 1500000, {{4, 200000}}),
   };
   std::vector<ProcStats> deltas = ProcSnapshotDelta(earlier, later, ChipsetType::EIGHT_CORE, true);
-  // Thread, microseconds, credits, then cycles (c), times (t) and credits (k) by cluster.
-  std::vector<std::string> summaries;
-  for (const ProcStats& d : deltas) {
-    std::ostringstream out;
-    out << std::setprecision(12) << d.tid << (d.is_new ? " new " : " ") << d.duration.count()
-        << "us " << d.credits;
-    for (auto [cluster, n] : d.cycles_per_cluster) out << " c" << cluster << "=" << n;
-    for (auto [cluster, n] : d.time_per_cluster) out << " t" << cluster << "=" << n;
-    for (auto [cluster, x] : d.credits_per_cluster) out << " k" << cluster << "=" << x;
-    summaries.push_back(out.str());
-  }
-  EXPECT_EQ(summaries, (std::vector<std::string>{
-                           // 1e6 cycles on cluster 4 over 1000 ms, then 2e6 on cluster 0.
-                           "11 1000000us 9.05 c0=0 c4=1000000 t0=0 t4=4 k0=0 k4=9.05",
-                           "10 1000000us 5.92 c0=2000000 c4=0 t0=7 t4=0 k0=5.92 k4=0",
-                           // New: its whole count, since the earlier snapshot's start.
-                           "41 new 500000us 3.62 c4=200000 k4=3.62",
-                           "30 0us -1 c4=100000000",
-                       }));
+  EXPECT_EQ(summaries(deltas), (std::vector<std::string>{
+                                   // 1e6 cycles on cluster 4 over 1000 ms, then 2e6 on cluster 0.
+                                   "10/11 1000000us 9.05 c0=0 c4=1000000 t0=0 t4=4 k0=0 k4=9.05",
+                                   "10/10 1000000us 5.92 c0=2000000 c4=0 t0=7 t4=0 k0=5.92 k4=0",
+                                   // New: its whole count, since the earlier snapshot's start.
+                                   "40/41 new 500000us 3.62 c4=200000 k4=3.62",
+                                   "30/30 0us -1 c4=100000000",
+                               }));
   EXPECT_EQ(deltas.at(1).info, later[1].info);
   EXPECT_EQ(deltas[1].timestamp, TimePoint());
 
@@ -287,17 +295,9 @@ TEST(SnapshotDelta, PairsAnyOrderAsAMapWould) {
     }
     return threads;
   };
-  auto summary = [](const ProcStats& d) {
-    std::ostringstream out;
-    out << std::setprecision(17) << d.pid << "/" << d.tid << (d.is_new ? " new " : " ")
-        << d.duration.count() << " " << d.credits;
-    for (auto [cluster, n] : d.cycles_per_cluster) out << " c" << cluster << "=" << n;
-    for (auto [cluster, x] : d.credits_per_cluster) out << " k" << cluster << "=" << x;
-    return out.str();
-  };
   for (int round = 0; round < 300; ++round) {
     const std::vector<ProcStats> earlier = snapshot(1000000), later = snapshot(2000000);
-    std::vector<std::string> want, got;
+    std::vector<std::string> want;
     if (!earlier.empty() && !later.empty()) {
       std::map<std::pair<int, int>, std::pair<ProcStats, ProcStats>> both;
       for (const ProcStats& s : earlier) both[{s.pid, s.tid}].first = s;
@@ -314,10 +314,10 @@ TEST(SnapshotDelta, PairsAnyOrderAsAMapWould) {
     }
     const std::vector<ProcStats> deltas =
         ProcSnapshotDelta(earlier, later, ChipsetType::EIGHT_CORE, true);
-    for (std::size_t i = 0; i < deltas.size(); ++i) {
-      got.push_back(summary(deltas[i]));
-      if (i > 0 && !std::isnan(deltas[i].credits)) {
-        EXPECT_GE(deltas[i - 1].credits, deltas[i].credits) << round << ": " << got.back();
+    std::vector<std::string> got = summaries(deltas);
+    for (std::size_t i = 1; i < deltas.size(); ++i) {
+      if (!std::isnan(deltas[i].credits)) {
+        EXPECT_GE(deltas[i - 1].credits, deltas[i].credits) << round << ": " << got[i];
       }
     }
     std::sort(want.begin(), want.end());

@@ -13,21 +13,15 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include "crash_restore.h"
+#include "support/process.h"
 
 namespace {
 
 namespace cr = emberline::crash_restore;
-
-std::string contents(const std::string& path) {
-  std::ifstream file(path);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
+using test_support::read_file;
 
 // The steps run in a child that then kills itself; this process becomes the subreaper of the
 // guards it leaves, so it can wait for them to finish. The guard writes back the nodes of the
@@ -69,8 +63,8 @@ TEST(ExitGuard, WritesBackTheNodesOfLivingRestoresWhenTheProcessIsKilled) {
     while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
     }
     prctl(PR_SET_CHILD_SUBREAPER, 0);
-    EXPECT_EQ(contents(first), c.first_after);
-    EXPECT_EQ(contents(second), c.second_after);
+    EXPECT_EQ(read_file(first), c.first_after);
+    EXPECT_EQ(read_file(second), c.second_after);
     // A path to remove is left for the next run to find.
     EXPECT_TRUE(std::filesystem::exists(removed));
     std::filesystem::remove_all(dir);
@@ -101,7 +95,7 @@ TEST(ExitGuard, FatalSignalsGiveBackThenTakeTheirDefaultAction) {
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == sig) << strsignal(sig) << " " << status;
-    EXPECT_EQ(contents(node), "0\n") << strsignal(sig);
+    EXPECT_EQ(read_file(node), "0\n") << strsignal(sig);
     EXPECT_FALSE(std::filesystem::exists(removed)) << strsignal(sig);
   }
   std::filesystem::remove_all(dir);

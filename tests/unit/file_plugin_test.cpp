@@ -1,4 +1,4 @@
-// FilePlugin on files of a temporary directory, and what the log and file plugins register.
+// FilePlugin on files of a temporary directory.
 
 #include "plugins/file_plugin.h"
 
@@ -7,8 +7,6 @@
 
 #include <filesystem>
 #include <fstream>
-
-#include "emberline.h"
 
 namespace emberline {
 namespace {
@@ -48,36 +46,6 @@ TEST(FilePlugin, ShowsFilesWithoutTrailingWhiteSpaceAndKeepsTheLastContent) {
     EXPECT_EQ(plugin.to_str(), s.report);
   }
   std::filesystem::remove_all(dir);
-}
-
-TEST(LogPluginsAndFiles, RegisterUnderTheirKeysLabelsAndDescriptions) {
-  Emberline engine(false);
-  engine.register_ravelin_plugin();
-  engine.register_dsp_plugin();
-  engine.register_tail_plugin({"/dev/null"});
-  testing::internal::CaptureStderr();
-  ASSERT_TRUE(engine.init(false));
-  testing::internal::GetCapturedStderr();
-  EXPECT_EQ(engine.manager().get_description(OutputFormat::TEXT),
-            R"(Key                                Description
------                              -----
-Ravelin                       :    Values read from Ravelin logcat entries
-    fps                       :    Average frames per second since last output
-    prd                       :    Overall e2e latency
-    stale_frames              :    Average stale frames since last output
-    tears                     :    Average Screen Tear Count
-    cfl                       :    Average Compositor Frame Latency p95
-DSP                           :    DSP utilization percentage, average and max
-    dsp_util_max_prct         :    The max percentage of compute being utilized by the DSP
-    dsp_util_avg_prct         :    The average percentage of compute being utilized by the DSP
-    dsp_scalar_util_avg_prct  :    The average percentage of scalar compute being utilized by the DSP
-    dsp_hvx_util_avg_prct     :    The average percentage of HVX compute being utilized by the DSP
-    dsp_hmx_util_avg_prct     :    The average percentage of HMX compute being utilized by the DSP
-    dsp_udma_util_avg_prct    :    The average percentage of UDMA compute being utilized by the DSP
-    dsp_freq                  :    The average frequency of the DSP in MHz
-Files                         :    Additional Files to log
-    /dev/null                 :    /dev/null
-)");
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include <fstream>
 #include <map>
 #include <optional>
-#include <sstream>
 
 #include "plugins/stats_plugin.h"
 
@@ -99,64 +98,12 @@ TEST(StatsTopology, PoliciesInAnyOrderGiveSortedClustersAndAStrayDirOneLine) {
               "Failed to open " + dir.path + "/schedutil/affected_cpus\n");
     EXPECT_EQ(stats.clusters, (std::vector<std::pair<int, int>>{
                                   {0, 0}, {1, 2}, {3, 3}, {4, 4}, {5, 5}, {6, 7}, {8, 9}}));
+    // A cluster of one core is named by that core alone.
+    stats.update_tree_metadata(0, "");
+    EXPECT_NE(stats._to_csv(true).find(",cpu0.freq,cpu0.avg_util,cpu0.max_util,cpu1-2.freq,"),
+              std::string::npos)
+        << stats._to_csv(true);
   }
-}
-
-// Every schema row's name (key or label by format) or description, in order.
-std::string schema_column(const Stats& stats, OutputFormat format, bool description) {
-  std::istringstream text(stats.get_description(format));
-  std::string line, out;
-  for (int heading = 0; heading < 2; ++heading) std::getline(text, line);
-  while (std::getline(text, line)) {
-    const std::size_t colon = line.find(":  ");
-    std::string cell = description ? line.substr(colon + 3) : line.substr(0, colon);
-    cell = cell.substr(cell.find_first_not_of(' '));
-    out += (out.empty() ? "" : ",") + cell.substr(0, cell.find_last_not_of(' ') + 1);
-  }
-  return out;
-}
-
-TEST(StatsTree, KeysLabelsAndDescriptionsWithAndWithoutCycles) {
-  CpufreqDir dir({{"policy0/affected_cpus", "0 1\n"},
-                  {"policy2/affected_cpus", "2\n"},
-                  {"policy0/stats/time_in_state", "300000 5 1 1 2 3 4 5\n"},
-                  {"policy2/stats/time_in_state", "700000 5 1 1 2 3\n"}});
-  const std::string head = "screen_on,battery_level,cpu,cpu_time0,cpu_time1,cpu_time2,";
-  const std::string cluster = ",freq,avg_util,max_util,";
-  const std::string tail = "gpu,freq,util";
-  const std::string cycl =
-      "cpu_cycl,cpu_cycl0,cpu_cycl1,cpu_cycl2,cpu_cycl0-1" + cluster + "cpu_cycl2" + cluster;
-  const std::string labels = "screen,bat,CPU,0,1,2,";
-  Stats plain(false, dir.path), cycles(true, dir.path);
-  ASSERT_TRUE(cycles.cycle_util_available);
-  EXPECT_EQ(schema_column(plain, OutputFormat::JSON, false),
-            head + "cpu0-1" + cluster + "cpu2" + cluster + tail);
-  EXPECT_EQ(schema_column(plain, OutputFormat::TEXT, false),
-            labels + "CPU0-1,freq,avg,max,CPU2,freq,avg,max,GPU,freq,util");
-  EXPECT_EQ(schema_column(cycles, OutputFormat::JSON, false),
-            head + "cpu_time0-1" + cluster + "cpu_time2" + cluster + cycl + tail);
-  EXPECT_EQ(schema_column(cycles, OutputFormat::TEXT, false),
-            "screen,bat,CPU (time),0,1,2,CPU0-1 (time),freq,avg,max,CPU2 (time),freq,avg,max,"
-            "CPU (cycl),0,1,2,CPU0-1 (cycl),freq,avg,max,CPU2 (cycl),freq,avg,max,GPU,freq,util");
-  const std::string in_cluster =
-      ",Frequency (in Gigahertz) for all cores in this cluster,"
-      "Average utilization across all cores in this cluster,"
-      "Max utilization across all cores in this cluster,";
-  auto cores = [&](std::string per_core, const std::string& method) {
-    for (const char* i : {"0", "1", "2"})
-      per_core += ",cpu_" + method + i + " utilization percentage";
-    return per_core + ",Info about CPU cluster containing cores 0-1" + in_cluster +
-           "Info about CPU cluster containing cores 2" + in_cluster;
-  };
-  const std::string own = "Whether or not the screen is turned on,Current battery charge level,";
-  const std::string gpu = "Info about GPU,GPU frequency (in Gigahertz),GPU utilization percentage";
-  EXPECT_EQ(schema_column(plain, OutputFormat::TEXT, true),
-            own + cores("Per-core utilization", "time") + gpu);
-  EXPECT_EQ(schema_column(cycles, OutputFormat::TEXT, true),
-            own + cores("Per-core time based utilization", "time") +
-                cores("Per-core cycl based utilization", "cycl") + gpu);
-  // Nothing has a reading before the first output.
-  EXPECT_EQ(cycles.to_csv().find_first_not_of("nul,"), std::string::npos) << cycles.to_csv();
 }
 
 TEST(StatsTree, CycleCheckNeedsTheExtendedFormatOfEveryCluster) {
@@ -168,13 +115,16 @@ TEST(StatsTree, CycleCheckNeedsTheExtendedFormatOfEveryCluster) {
     std::vector<Row> weights;
     Figures figures;
   } cases[] = {
-      {"300000 5 1 1 2 3\n250 5 1 1 2 3\n",
+      {"300000 5 1 1 2 3\n250 5 1 1 2 3\n99 5 1 1 2 3",
        "",
-       {{1000}, {3000, 2}},
+       {{1000}, {3000, 2, 0}},
        {{1, kNan}, {1, kNan}, {1, 0}}},
       {"300000 5\n", "WARNING", {}, {}},  // the kernel's plain format
       {std::nullopt, "Failed to open <dir>/policy1/stats/time_in_state\nWARNING", {}, {}},
       {"\n", "WARNING", {}, {}},
+      // A plain or empty row behind extended ones.
+      {"300000 5 1 1 2 3\n400000 5\n", "WARNING", {}, {}},
+      {"300000 5 1 1 2 3\n\n", "WARNING", {}, {}},
       // No rows at all is no plain format: the cluster's core has nothing to count.
       {"", "", {{1000}, {}}, {{1, kNan}, {1, kNan}, {1, 0}}},
   };
@@ -191,6 +141,8 @@ TEST(StatsTree, CycleCheckNeedsTheExtendedFormatOfEveryCluster) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), err);
     EXPECT_EQ(stats.cycle_util_available, err.empty());
     if (!err.empty()) continue;
+    // Nothing has a reading before the first output.
+    EXPECT_EQ(stats.to_csv().find_first_not_of("nul,"), std::string::npos) << stats.to_csv();
     EXPECT_EQ(stats.freq_table, c.weights);
     // Between the passes core 0 is never idle while its total moves; core 1 counts nothing.
     ASSERT_TRUE(stats.update_cpu_stats_by_cpu_cycles());
@@ -204,47 +156,6 @@ TEST(StatsTree, CycleCheckNeedsTheExtendedFormatOfEveryCluster) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "Failed update busy and idle time\n");
   }
 }
-
-// The cycle method's steps on text, as the plugin takes them at each output: each cluster's
-// time_in_state at start-up (at a tick rate of 100), then one text per cluster at each pass.
-struct CycleMethod {
-  CycleMethod(std::vector<std::pair<int, int>> cluster_list, int num_cores,
-              const std::vector<std::string>& start)
-      : clusters(std::move(cluster_list)),
-        cpus{clusters, num_cores},
-        total_time(static_cast<std::size_t>(num_cores)),
-        busy_idle(static_cast<std::size_t>(num_cores)),
-        stats(static_cast<unsigned>(clusters.size()), static_cast<unsigned>(num_cores)) {
-    for (int c = 0; c < static_cast<int>(clusters.size()); ++c) {
-      EXPECT_TRUE(add_frequency_weights(start[static_cast<std::size_t>(c)], cpus, c, 100,
-                                        freq_table, busy_idle, total_time));
-    }
-  }
-  // None when a text does not parse.
-  std::optional<Figures> pass(const std::vector<std::string>& texts) {
-    for (int c = 0; c < static_cast<int>(clusters.size()); ++c) {
-      if (!parse_time_in_state(texts[static_cast<std::size_t>(c)], cpus, c, freq_table, busy_idle,
-                               total_time, buffers)) {
-        return std::nullopt;
-      }
-    }
-    stats.clear();
-    if (!prev_busy_idle.empty()) {
-      cycle_utilisation(cpus, freq_table, busy_idle, prev_busy_idle, total_time, prev_total_time,
-                        stats, buffers);
-    }
-    prev_busy_idle = busy_idle;
-    prev_total_time = total_time;
-    return figures(stats);
-  }
-
-  std::vector<std::pair<int, int>> clusters;
-  CpuTopology cpus;
-  CpuCounters freq_table, total_time, prev_total_time;
-  CpuBusyIdle busy_idle, prev_busy_idle;
-  CpuStats stats;
-  StatsBuffers buffers;
-};
 
 // Successive /proc/stat texts for cores 0-1 and 2-3, and what each pass gives.
 TEST(StatsTimeMethod, CoresAndClustersFollowTheTicksBetweenPasses) {
@@ -283,16 +194,25 @@ TEST(StatsTimeMethod, ACoreInNoClusterReportsAloneAndOneBeyondIsPassedOver) {
   account_proc_stat("cpu0 1 0 0 3 0 0 0 0 0 0\ncpu1 1 0 0 1 0 0 0 0 0 0\ncpu2 3 0 0 1\n",
                     {clusters, 2}, prev_rows, stats, buffers);
   EXPECT_EQ(figures(stats), (Figures{{0.25f, 0.5f}, {0.25f, 0.0f}, {0.25f, 0.0f}})) << "ticks";
-  CycleMethod cycles(clusters, 2, {"1000 10 0 0 5 5\n", "1000 10 0 0 5 5\n"});
-  ASSERT_TRUE(cycles.pass({"1000 10 0 0 5 5\n", "1000 10 0 0 5 5\n"}));
-  EXPECT_EQ(cycles.pass({"1000 20 0 0 10 10\n", "1000 10 0 0 5 5\n"}),
-            (Figures{{0.5f, 0.0f}, {0.5f, kNan}, {0.5f, 0.0f}}))
+  CpufreqDir dir({{"policy0/affected_cpus", "0\n"},
+                  {"policy2/affected_cpus", "2\n"},
+                  {"policy0/stats/time_in_state", "1000 10 0 0 5 5\n"},
+                  {"policy2/stats/time_in_state", "1000 10 0 0 5 5\n"}});
+  Stats cycles(true, dir.path);
+  ASSERT_TRUE(cycles.update_cpu_stats_by_cpu_cycles());
+  dir.write("policy0/stats/time_in_state", "1000 20 0 0 10 10\n");
+  ASSERT_TRUE(cycles.update_cpu_stats_by_cpu_cycles());
+  EXPECT_EQ(figures(cycles.cycle_stats), (Figures{{0.5f, 0.0f}, {0.5f, kNan}, {0.5f, 0.0f}}))
       << "cycles";
 }
 
-// One cluster of two cores, frequency rows weighing 10 and 20, and the text of each pass.
+// One cluster of two cores, frequency rows weighing 10 and 20 (at the tick rate of 100), and the
+// time_in_state of each pass.
 TEST(StatsCycleMethod, WeighsEachRowByItsFrequencyAndAveragesClusterSums) {
-  CycleMethod cycles({{0, 1}}, 2, {"1000 100 0 0 50 50 50 50\n2000 100 0 0 50 50 50 50\n"});
+  CpufreqDir dir(
+      {{"policy0/affected_cpus", "0 1\n"},
+       {"policy0/stats/time_in_state", "1000 100 0 0 50 50 50 50\n2000 100 0 0 50 50 50 50\n"}});
+  Stats cycles(true, dir.path);
   EXPECT_EQ(cycles.freq_table, (std::vector<Row>{{10, 20}}));
   const auto f = [](double d) { return static_cast<float>(d); };
   for (auto [text, expected] : std::vector<std::pair<std::string, std::optional<Figures>>>{
@@ -315,30 +235,11 @@ TEST(StatsCycleMethod, WeighsEachRowByItsFrequencyAndAveragesClusterSums) {
            // A row short of a core's columns, in any row, fails the reading.
            {"1000 140 0 0 60 65 53\n2000 110 0 0 51 59 55 55\n", std::nullopt},
            {"1000 140 0 0 60 65 53 53\n2000 110 0 0 51 59 55 55 1\n", std::nullopt}}) {
-    EXPECT_EQ(cycles.pass({text}), expected) << text;
-  }
-}
-
-TEST(StatsCycleMethod, StartUpWeighsEachRowAndRefusesThePlainFormat) {
-  // Text at start-up, and the weights it gives at a tick rate of 100; none for no cycle method.
-  for (auto [text, weights] : std::vector<std::pair<std::string, std::optional<Row>>>{
-           {"300000 5 1 1 2 3\n250 5 1 1 2 3\n99 5 1 1 2 3", Row{3000, 2, 0}},
-           {"", Row{}},
-           {"300000 5\n", std::nullopt},
-           {"300000 5 1 1 2 3\n\n", std::nullopt},
-           {"300000 5 1 1 2 3\n400000 5\n", std::nullopt}}) {
-    const std::vector<std::pair<int, int>> clusters{{0, 1}};
-    CpuCounters freq_table, total_time(2);
-    CpuBusyIdle busy_idle(2);
-    const bool extended =
-        add_frequency_weights(text, {clusters, 2}, 0, 100, freq_table, busy_idle, total_time);
-    ASSERT_EQ(extended, weights.has_value()) << text;
-    if (!extended) continue;
-    EXPECT_EQ(freq_table, std::vector<Row>{*weights}) << text;
-    for (std::size_t core : {0, 1}) {
-      EXPECT_EQ(busy_idle[core].size(), weights->size()) << text;
-      EXPECT_EQ(total_time[core].size(), weights->size()) << text;
-    }
+    dir.write("policy0/stats/time_in_state", text);
+    testing::internal::CaptureStderr();
+    const bool read = cycles.update_cpu_stats_by_cpu_cycles();
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(read ? std::optional(figures(cycles.cycle_stats)) : std::nullopt, expected) << text;
   }
 }
 

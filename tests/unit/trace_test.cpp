@@ -19,7 +19,9 @@ using namespace trace_test;
 constexpr auto now = &internal::TrackEventInternal::GetTraceTime;
 
 // Counters as the plugins write them and slices as the DSP worker does, with values at the edges
-// of their wire types and names whose lengths take one, two and three bytes.
+// of their wire types and names whose lengths take one, two and three bytes. The plugins' own way
+// to a counter widens a float exactly, keeps an unsigned integer as itself (never wrapped
+// negative), and writes nothing while no session records.
 TEST_F(TraceTest, EachEventLandsInItsFields) {
   constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
   constexpr std::uint32_t kBoottime = protos::pbzero::BUILTIN_CLOCK_BOOTTIME;
@@ -34,10 +36,14 @@ TEST_F(TraceTest, EachEventLandsInItsFields) {
     std::optional<double> real = {};
     std::optional<std::int64_t> integer = {};
     std::optional<std::string> name = {};
+    bool emitted = false;  // through emit_counter, a float or an unsigned int
   } events[] = {{"Watts", kCounter, 1.25},
                 {watts.c_str(), kCounter, -1e300},
                 {"CPU BW", kCounter, {}, -kMax - 1},
                 {"CPU BW", kCounter, {}, kMax},
+                {"DDR frequency", kCounter, static_cast<double>(0.1f), {}, {}, true},
+                {"DDR frequency", kCounter, {}, 4294967295, {}, true},
+                {"DDR frequency", kCounter, {}, 0, {}, true},
                 {nullptr, kSliceBegin, {}, {}, "conv2d"},
                 {nullptr, kSliceEnd},
                 {nullptr, kSliceBegin, {}, {}, std::string(200, 'n')},
@@ -47,7 +53,8 @@ TEST_F(TraceTest, EachEventLandsInItsFields) {
   named7.set_name("DSP 7");
   named9.set_name("DSP 9");
 
-  TrackEvent::SetTrackDescriptor(dsp7, named7);  // kept for the track's first use
+  TrackEvent::SetTrackDescriptor(dsp7, named7);       // kept for the track's first use
+  emit_counter(CounterTrack("DDR frequency"), 0.5f);  // no session yet
   ASSERT_TRUE(start_session(path(), true));
   TrackEvent::SetTrackDescriptor(dsp9, named9);  // written at once
   TrackEvent::SetTrackDescriptor(dsp9, named9);  // unchanged: not again
@@ -55,13 +62,18 @@ TEST_F(TraceTest, EachEventLandsInItsFields) {
   for (std::size_t i = 0; i < std::size(events); ++i) {
     const Event& e = events[i];
     const TraceTimestamp at{kBoottime, 1000 * i};
-    if (e.real) TrackEvent::Counter(CounterTrack(e.counter), now(), *e.real);
-    if (e.integer) TrackEvent::Counter(CounterTrack(e.counter), now(), *e.integer);
+    if (e.emitted && e.real) emit_counter(CounterTrack(e.counter), static_cast<float>(*e.real));
+    if (e.emitted && e.integer) {
+      emit_counter(CounterTrack(e.counter), static_cast<unsigned int>(*e.integer));
+    }
+    if (!e.emitted && e.real) TrackEvent::Counter(CounterTrack(e.counter), now(), *e.real);
+    if (!e.emitted && e.integer) TrackEvent::Counter(CounterTrack(e.counter), now(), *e.integer);
     if (e.type == kSliceBegin) TrackEvent::SliceBegin(dsp7, at, e.name->c_str(), args, 2);
     if (e.type == kSliceEnd) TrackEvent::SliceEnd(dsp7, at, args, 2);
   }
   const std::uint64_t after = now();
   stop_session();
+  emit_counter(CounterTrack("DDR frequency"), 7u);
 
   auto packets = read_trace(path());
   auto tracks = check_trace(packets);
@@ -69,7 +81,8 @@ TEST_F(TraceTest, EachEventLandsInItsFields) {
   std::vector<std::string> names;  // in order of first use, counters marked
   for (const Message& track : tracks)
     names.push_back(track.text(kName).value_or("") + (track.message(kCounterInfo) ? "#" : ""));
-  EXPECT_EQ(names, (std::vector<std::string>{"", "DSP 9", "Watts#", "CPU BW#", "DSP 7"}));
+  EXPECT_EQ(names, (std::vector<std::string>{"", "DSP 9", "Watts#", "CPU BW#", "DDR frequency#",
+                                             "DSP 7"}));
   std::erase_if(packets, [](const Message& packet) { return !packet.message(kTrackEvent); });
   ASSERT_EQ(packets.size(), std::size(events));
   for (std::size_t i = 0; i < packets.size(); ++i) {
@@ -131,63 +144,6 @@ TEST_F(TraceTest, SessionsReportUnlessQuietAndEachRecordsAWholeTrace) {
         << quiet << limit;
   }
   signal(SIGXFSZ, previous);
-}
-
-// The one way the plugins emit a counter: a float widened exactly, an unsigned integer as itself
-// (never wrapped negative), and nothing while no session records.
-TEST_F(TraceTest, CountersKeepTheirValuesType) {
-  const CounterTrack track("DDR frequency");
-  const float fraction = 0.1f;
-  const unsigned int top = 4294967295u, zero = 0;
-  emit_counter(track, fraction);  // no session yet
-  ASSERT_TRUE(start_session(path(), true));
-  emit_counter(track, fraction);
-  emit_counter(track, top);
-  emit_counter(track, zero);
-  stop_session();
-  emit_counter(track, top);
-
-  std::vector<std::string> values;
-  for (const Message& packet : read_trace(path())) {
-    if (auto event = packet.message(kTrackEvent)) {
-      EXPECT_EQ(event->varint(kTrackUuid), track.uuid);
-      auto integer = event->int64(kIntValue);
-      values.push_back(integer ? std::to_string(*integer)
-                               : std::to_string(event->fixed_double(kDoubleValue).value_or(-1) ==
-                                                static_cast<double>(fraction)));
-    }
-  }
-  EXPECT_EQ(values, (std::vector<std::string>{"1", "4294967295", "0"}));
-}
-
-// Where the batch happens to be written out changes nothing in the trace: the same events give the
-// same packets whether each goes out alone or thousands share a write, and whether a packet is
-// larger than the batch or not.
-TEST_F(TraceTest, WritesOfAnySizeGiveTheSameTrace) {
-  const Track dsp(3, ProcessTrack::Current());
-  const std::string huge(kBatchBytes + 1, 'h');
-  const DebugAnnotation args[] = {{"dsp_cycle", 99}};
-  auto content = [&](bool flush_each) {
-    if (!start_session(path(), true)) return std::vector<std::string>{};
-    for (std::uint64_t i = 0; i < 20000; ++i) {
-      TrackEvent::Counter(CounterTrack(i % 2 ? "Watts" : "Current"), 1000 + i, 0.5 * i);
-      TrackEvent::SliceBegin(dsp, {3, 2000 + i}, i % 5000 == 7 ? huge.c_str() : "conv", args, 1);
-      if (flush_each) flush();
-    }
-    stop_session();
-    // Descriptors and the clock snapshot carry the time they were written at.
-    std::vector<std::string> packets;
-    for (const Message& packet : read_trace(path())) {
-      auto descriptor = packet.message(kTrackDescriptor);
-      packets.push_back(descriptor                       ? "D" + descriptor->bytes()
-                        : packet.message(kClockSnapshot) ? "S"
-                                                         : packet.bytes());
-    }
-    return packets;
-  };
-  const auto batched = content(false);
-  EXPECT_EQ(batched.size(), 1 + 4 + 40000u);
-  EXPECT_TRUE(batched == content(true));
 }
 
 // Stands in for the exit guard: a child forked now, holding the descriptors of this moment, that
