@@ -172,7 +172,8 @@ def first_failure(cmd, cwd):
 
 
 def plant(sample, seed, build, at):
-    candidates = list(printed_literals())
+    # A literal of escapes alone (a newline) has no character a fault could change.
+    candidates = [c for c in printed_literals() if mutate(c[2]) is not None]
     if at:
         chosen = [c for c in candidates if f'{c[0]}:{c[1]}' in at]
         sample = len(chosen)
