@@ -71,7 +71,8 @@ TEST(UpstreamSchema, ReadsEveryPacketTheWriterMakes) {
        {"clock_snapshot", "primary_trace_clock: BUILTIN_CLOCK_MONOTONIC", "process_name",
         "name: \"DSP_THREAD 7\"", "counter {", "double_counter_value: 2.5",
         "counter_value: 4294967295", "counter_value: -9223372036854775808", "TYPE_SLICE_BEGIN",
-        "TYPE_SLICE_END", "int_value: 9223372036854775807", "trusted_packet_sequence_id"}) {
+        "TYPE_SLICE_END", "int_value: 9223372036854775807", "trusted_packet_sequence_id",
+        "sequence_flags: 3", "event_names {", "debug_annotation_names {", "name_iid: 2"}) {
     EXPECT_NE(text.find(field), std::string::npos) << field;
   }
 }

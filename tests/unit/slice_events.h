@@ -17,7 +17,9 @@ inline std::vector<std::string> slice_events(const std::vector<Message>& packets
     tracks[*t.varint(kUuid)] = t.text(kName).value_or("");
   std::vector<std::string> lines;
   std::optional<std::uint64_t> first;
+  Interning interning;
   for (const Message& packet : packets) {
+    const EventNames names = interning.read(packet);
     auto event = packet.message(kTrackEvent);
     if (!event) continue;
     EXPECT_EQ(packet.varint(kClockId), 3u);
@@ -25,10 +27,11 @@ inline std::vector<std::string> slice_events(const std::vector<Message>& packets
     std::string line = (event->varint(kType) == kSliceBegin ? "B " : "E ") +
                        tracks[*event->varint(kTrackUuid)] + " +" +
                        std::to_string(*packet.varint(kTimestamp) - *first);
-    if (auto name = event->text(kEventName)) line += " " + *name;
-    for (const Message& a : event->messages(kAnnotations)) {
-      line += " " + a.text(kAnnotationName).value_or("") + "=" +
-              std::to_string(a.int64(kAnnotationInt).value_or(0));
+    if (names.name) line += " " + *names.name;
+    const auto annotations = event->messages(kAnnotations);
+    for (std::size_t a = 0; a < annotations.size(); ++a) {
+      line += " " + names.annotations[a] + "=" +
+              std::to_string(annotations[a].int64(kAnnotationInt).value_or(0));
     }
     lines.push_back(line);
   }

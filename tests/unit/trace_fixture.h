@@ -9,6 +9,7 @@
 #include <bit>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -21,13 +22,22 @@
 namespace trace_test {
 
 // Field numbers of Perfetto's trace protos.
-enum PacketField { kClockSnapshot = 6, kTimestamp = 8, kSequenceId = 10, kClockId = 58 };
+enum PacketField {
+  kClockSnapshot = 6,
+  kTimestamp = 8,
+  kSequenceId = 10,
+  kInternedData = 12,
+  kSequenceFlags = 13,
+  kClockId = 58
+};
+enum SequenceFlag { kStateCleared = 1, kNeedsState = 2 };
+enum InternedDataField { kEventNames = 2, kAnnotationNames = 3 };  // each entry: iid 1, name 2
 enum PacketDataField { kTrackEvent = 11, kTrackDescriptor = 60 };
 enum ClockSnapshotField { kClocks = 1, kPrimaryTraceClock = 2 };
 enum TrackDescriptorField { kUuid = 1, kName = 2, kProcess = 3, kParent = 5, kCounterInfo = 8 };
-enum EventField { kAnnotations = 4, kType = 9, kTrackUuid = 11, kEventName = 23 };
+enum EventField { kAnnotations = 4, kType = 9, kNameIid = 10, kTrackUuid = 11, kEventName = 23 };
 enum CounterValueField { kIntValue = 30, kDoubleValue = 44 };
-enum AnnotationField { kAnnotationInt = 4, kAnnotationName = 10 };
+enum AnnotationField { kAnnotationNameIid = 1, kAnnotationInt = 4, kAnnotationName = 10 };
 enum EventType { kSliceBegin = 1, kSliceEnd = 2, kCounter = 4 };
 
 // Malformed input throws, at construction for this message's own fields and on access for the
@@ -91,15 +101,66 @@ inline std::vector<Message> read_trace(const std::string& path) {
   return Message({std::istreambuf_iterator<char>(in), {}}).messages(1);
 }
 
+// An event's names, written out or interned.
+struct EventNames {
+  std::optional<std::string> name;
+  std::vector<std::string> annotations;
+};
+
+// Looks interned names up as a reader does: in the interned data of the packet's own sequence,
+// since the last packet that cleared that sequence's state. A packet that refers to interned names
+// must say it needs that state, and a name it refers to must have come before.
+class Interning {
+ public:
+  // Takes the packets in trace order.
+  EventNames read(const Message& packet) {
+    const std::uint64_t sequence = packet.varint(kSequenceId).value_or(0);
+    const std::uint64_t flags = packet.varint(kSequenceFlags).value_or(0);
+    if (flags & kStateCleared) sequences_[sequence] = {};
+    auto known = sequences_.find(sequence);
+    if (auto interned = packet.message(kInternedData)) {
+      EXPECT_NE(known, sequences_.end()) << "interned data before the state was cleared";
+      for (int kind : {kEventNames, kAnnotationNames}) {
+        for (const Message& entry : interned->messages(kind))
+          sequences_[sequence][kind][*entry.varint(1)] = *entry.text(2);
+      }
+    }
+    EventNames names;
+    auto event = packet.message(kTrackEvent);
+    if (!event) return names;
+    auto look_up = [&](int kind, std::uint64_t iid) {
+      EXPECT_TRUE(flags & kNeedsState) << "iid " << iid << " in a packet that needs no state";
+      auto found = sequences_.find(sequence);
+      if (found == sequences_.end() || !found->second[kind].count(iid)) {
+        ADD_FAILURE() << "iid " << iid << " of kind " << kind << " was never interned";
+        return std::string("?");
+      }
+      return found->second[kind][iid];
+    };
+    names.name = event->text(kEventName);
+    if (auto iid = event->varint(kNameIid)) names.name = look_up(kEventNames, *iid);
+    for (const Message& a : event->messages(kAnnotations)) {
+      auto iid = a.varint(kAnnotationNameIid);
+      names.annotations.push_back(iid ? look_up(kAnnotationNames, *iid)
+                                      : a.text(kAnnotationName).value_or(""));
+    }
+    return names;
+  }
+
+ private:
+  std::map<std::uint64_t, std::map<int, std::map<std::uint64_t, std::string>>> sequences_;
+};
+
 // Checks what the UI needs to show a trace as meant, and returns its track descriptors. The trace
 // opens with a clock snapshot that makes the monotonic clock the trace clock; every packet is on
 // a sequence; the process's track comes first, and every other track is described once, below
-// one described before it and before its first event.
+// one described before it and before its first event; every interned name is found.
 inline std::vector<Message> check_trace(const std::vector<Message>& packets) {
   std::vector<Message> tracks;
   auto snapshot = packets.empty() ? std::nullopt : packets[0].message(kClockSnapshot);
   EXPECT_TRUE(snapshot && snapshot->varint(kPrimaryTraceClock) == 3u);
   std::set<std::uint64_t> clocks, described;
+  Interning interning;
   for (const Message& clock : snapshot.value_or(Message("")).messages(kClocks))
     clocks.insert(clock.varint(1).value_or(0));
   EXPECT_EQ(clocks, (std::set<std::uint64_t>{3, 6}));
@@ -113,6 +174,7 @@ inline std::vector<Message> check_trace(const std::vector<Message>& packets) {
       EXPECT_TRUE(described.insert(track->varint(kUuid).value_or(0)).second) << "again at " << i;
       tracks.push_back(*track);
     }
+    interning.read(packets[i]);
     auto event = packets[i].message(kTrackEvent);
     EXPECT_TRUE(!event || (described.count(event->varint(kTrackUuid).value_or(0)) &&
                            packets[i].varint(kTimestamp) && packets[i].varint(kClockId)))

@@ -6,8 +6,10 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <thread>
 #include <tuple>
 
+#include "platform/trace/proto_writer.h"
 #include "trace_fixture.h"
 
 namespace {
@@ -19,16 +21,17 @@ using namespace trace_test;
 constexpr auto now = &internal::TrackEventInternal::GetTraceTime;
 
 // Counters as the plugins write them and slices as the DSP worker does, with values at the edges
-// of their wire types and names whose lengths take one, two and three bytes. The plugins' own way
-// to a counter widens a float exactly, keeps an unsigned integer as itself (never wrapped
+// of their wire types and interned names whose lengths take one, two and three bytes. The plugins'
+// own way to a counter widens a float exactly, keeps an unsigned integer as itself (never wrapped
 // negative), and writes nothing while no session records.
 TEST_F(TraceTest, EachEventLandsInItsFields) {
   constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
   constexpr std::uint32_t kBoottime = protos::pbzero::BUILTIN_CLOCK_BOOTTIME;
   const std::string watts = "Watts";  // another plugin's copy of the name: the same track
   const Track dsp7(7, ProcessTrack::Current()), dsp9(9, ProcessTrack::Current());
-  // The second annotation is a nested message of 128 bytes, the first whose length takes two.
-  const std::string long_name(116, 'a');
+  // The second annotation's interned name is a message of 128 bytes, the first whose length
+  // takes two.
+  const std::string long_name(124, 'a');
   const DebugAnnotation args[] = {{"dsp_cycle", -5}, {long_name.c_str(), kMax}};
   const struct Event {
     const char* counter;  // else a slice on dsp7, with both annotations
@@ -83,20 +86,27 @@ TEST_F(TraceTest, EachEventLandsInItsFields) {
     names.push_back(track.text(kName).value_or("") + (track.message(kCounterInfo) ? "#" : ""));
   EXPECT_EQ(names, (std::vector<std::string>{"", "DSP 9", "Watts#", "CPU BW#", "DDR frequency#",
                                              "DSP 7"}));
-  std::erase_if(packets, [](const Message& packet) { return !packet.message(kTrackEvent); });
+  Interning interning;
+  std::vector<EventNames> read_names;
+  std::erase_if(packets, [&](const Message& packet) {
+    read_names.push_back(interning.read(packet));
+    if (packet.message(kTrackEvent)) return false;
+    read_names.pop_back();
+    return true;
+  });
   ASSERT_EQ(packets.size(), std::size(events));
   for (std::size_t i = 0; i < packets.size(); ++i) {
     auto event = packets[i].message(kTrackEvent);
     const Event& e = events[i];
     EXPECT_EQ(event->varint(kType), e.type) << i;
     EXPECT_EQ(event->varint(kTrackUuid), e.counter ? CounterTrack(e.counter).uuid : dsp7.uuid);
-    EXPECT_EQ(event->text(kEventName), e.name) << i;
+    EXPECT_EQ(read_names[i].name, e.name) << i;
     EXPECT_EQ(event->fixed_double(kDoubleValue), e.real) << i;
     EXPECT_EQ(event->int64(kIntValue), e.integer) << i;
     auto read = event->messages(kAnnotations);
     ASSERT_EQ(read.size(), e.counter ? 0u : 2u) << i;
     for (std::size_t a = 0; a < read.size(); ++a) {
-      EXPECT_EQ(read[a].text(kAnnotationName), args[a].name) << i;
+      EXPECT_EQ(read_names[i].annotations[a], args[a].name) << i;
       EXPECT_EQ(read[a].int64(kAnnotationInt), args[a].value) << i;
     }
     // Counters are stamped in trace time, in order; slices keep the caller's time and clock.
@@ -104,6 +114,73 @@ TEST_F(TraceTest, EachEventLandsInItsFields) {
     EXPECT_EQ(packets[i].varint(kClockId), e.counter ? 3u : kBoottime) << i;
     EXPECT_TRUE(e.counter ? last <= time && time <= after : time == 1000 * i) << i;
     last = e.counter ? time : last;
+  }
+}
+
+// A name goes into the trace once per thread's sequence and session, with the first packet that
+// uses it, and the first such packet clears its sequence's state.
+TEST_F(TraceTest, NamesGoOutOncePerSequenceAndSession) {
+  const Track dsp(7, ProcessTrack::Current());
+  const DebugAnnotation args[] = {{"dsp_cycle", 1}, {"dsp_udma", 2}};
+  auto slices = [&](const char* name, int count) {
+    for (std::uint64_t i = 0; i < static_cast<std::uint64_t>(count); ++i) {
+      TrackEvent::SliceBegin(dsp, {3, 10 * i}, name, args, 2);
+      TrackEvent::SliceEnd(dsp, {3, 10 * i + 5}, args, 1);
+    }
+  };
+  using Lines = std::vector<std::string>;
+  const Lines main_thread = {"3 conv dsp_cycle dsp_udma", "2", "2", "2", "2 pool", "2"};
+  const Lines other_thread = {"3 conv dsp_cycle dsp_udma", "2", "2 pool", "2"};
+  for (const char* file : {"a", "b"}) {
+    ASSERT_TRUE(start_session(path(file), true));
+    slices("conv", 2);
+    std::thread([&] {
+      slices("conv", 1);
+      slices("pool", 1);
+    }).join();
+    slices("pool", 1);
+    stop_session();
+
+    const auto packets = read_trace(path(file));
+    check_trace(packets);
+    // Each event packet's flags and the texts that came with it, by sequence in order of use.
+    std::vector<std::pair<std::uint64_t, Lines>> sequences;
+    for (const Message& packet : packets) {
+      if (!packet.message(kTrackEvent)) continue;
+      std::string line = std::to_string(packet.varint(kSequenceFlags).value_or(0));
+      for (const Message& interned : packet.messages(kInternedData)) {
+        for (int kind : {kEventNames, kAnnotationNames}) {
+          for (const Message& entry : interned.messages(kind)) line += " " + *entry.text(2);
+        }
+      }
+      const std::uint64_t sequence = *packet.varint(kSequenceId);
+      if (sequences.empty() || sequences.back().first != sequence)
+        sequences.push_back({sequence, {}});
+      sequences.back().second.push_back(line);
+    }
+    ASSERT_EQ(sequences.size(), 3u) << file;
+    EXPECT_EQ(sequences[0].first, sequences[2].first);
+    EXPECT_EQ(sequences[0].second, Lines(main_thread.begin(), main_thread.begin() + 4));
+    EXPECT_EQ(sequences[1].second, other_thread);
+    EXPECT_EQ(sequences[2].second, Lines(main_thread.begin() + 4, main_thread.end()));
+  }
+}
+
+// Varints of every width, at both ends of it, each ending where the next field starts.
+TEST(ProtoWriter, VarintsOfEveryWidthReadBack) {
+  for (int bits = 0; bits <= 64; ++bits) {
+    const std::uint64_t low = bits == 0 ? 0 : std::uint64_t{1} << (bits - 1);
+    const std::uint64_t high = bits == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << bits) - 1;
+    for (const std::uint64_t value : {low, high}) {
+      char bytes[4 * internal::ProtoWriter::kMaxField] = {};
+      internal::ProtoWriter w(bytes);
+      w.add_varint<1>(value);
+      w.add_varint<2>(bits);
+      const Message read(std::string(bytes, w.size()));
+      EXPECT_EQ(read.varint(1), value) << bits;
+      EXPECT_EQ(read.varint(2), static_cast<std::uint64_t>(bits));
+      EXPECT_EQ(w.size(), 1 + static_cast<std::size_t>(std::max(1, (bits + 6) / 7)) + 2) << bits;
+    }
   }
 }
 

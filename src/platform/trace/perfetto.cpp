@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -11,8 +12,10 @@
 #include <mutex>
 #include <new>
 #include <optional>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "platform/os/os.h"
 #include "platform/trace/proto_writer.h"
@@ -44,9 +47,19 @@ constexpr std::uint32_t kClockSnapshot = 6;
 constexpr std::uint32_t kTimestamp = 8;
 constexpr std::uint32_t kTrustedPacketSequenceId = 10;
 constexpr std::uint32_t kTrackEvent = 11;
+constexpr std::uint32_t kInternedData = 12;
+constexpr std::uint32_t kSequenceFlags = 13;
 constexpr std::uint32_t kTimestampClockId = 58;
 constexpr std::uint32_t kTrackDescriptor = 60;
+constexpr std::uint64_t kIncrementalStateCleared = 1;
+constexpr std::uint64_t kNeedsIncrementalState = 2;
 }  // namespace trace_packet
+namespace interned_data {
+constexpr std::uint32_t kEventNames = 2;
+constexpr std::uint32_t kDebugAnnotationNames = 3;
+constexpr std::uint32_t kIid = 1;  // EventName and DebugAnnotationName alike
+constexpr std::uint32_t kName = 2;
+}  // namespace interned_data
 namespace clock_snapshot {
 constexpr std::uint32_t kClocks = 1;
 constexpr std::uint32_t kPrimaryTraceClock = 2;
@@ -67,6 +80,7 @@ constexpr std::uint32_t kProcessName = 6;
 namespace track_event {
 constexpr std::uint32_t kDebugAnnotations = 4;
 constexpr std::uint32_t kType = 9;
+constexpr std::uint32_t kNameIid = 10;
 constexpr std::uint32_t kTrackUuid = 11;
 constexpr std::uint32_t kName = 23;
 constexpr std::uint32_t kCounterValue = 30;
@@ -76,6 +90,7 @@ constexpr std::uint64_t kTypeSliceEnd = 2;
 constexpr std::uint64_t kTypeCounter = 4;
 }  // namespace track_event
 namespace debug_annotation {
+constexpr std::uint32_t kNameIid = 1;
 constexpr std::uint32_t kIntValue = 4;
 constexpr std::uint32_t kName = 10;
 }  // namespace debug_annotation
@@ -122,6 +137,9 @@ struct TrackInfo {
   const char* counter_name;        // static, for counter tracks
   std::string name;                // set by SetTrackDescriptor; overrides counter_name
   std::uint32_t described_in = 0;  // the session whose trace holds this track's descriptor
+  // The uuid as every event on the track writes it, encoded once.
+  char uuid_varint[ProtoWriter::kMaxVarint] = {};
+  std::uint8_t uuid_size = 0;
 };
 
 // One lock orders the whole file: packets never interleave, a descriptor is written before any
@@ -309,24 +327,24 @@ void encode_into(std::string& bytes, std::size_t bound, Encode encode) {
 }
 
 void put_descriptor(ProtoWriter& w, std::uint64_t uuid, const TrackInfo& info) {
-  w.add_varint(track_descriptor::kUuid, uuid);
-  if (info.parent_uuid != 0) w.add_varint(track_descriptor::kParentUuid, info.parent_uuid);
+  w.add_varint<track_descriptor::kUuid>(uuid);
+  if (info.parent_uuid != 0) w.add_varint<track_descriptor::kParentUuid>(info.parent_uuid);
   if (!info.name.empty()) {
-    w.add_string(track_descriptor::kName, info.name);
+    w.add_string<track_descriptor::kName>(info.name);
   } else if (info.counter_name != nullptr) {
-    w.add_string(track_descriptor::kName, info.counter_name);
+    w.add_string<track_descriptor::kName>(info.counter_name);
   }
   switch (info.kind) {
     case TrackInfo::Kind::kProcess: {
-      std::size_t process = w.begin_nested(track_descriptor::kProcess);
-      w.add_varint(process_descriptor::kPid, static_cast<std::uint64_t>(::getpid()));
-      w.add_string(process_descriptor::kProcessName, emberline::os::program_name());
+      std::size_t process = w.begin_nested<track_descriptor::kProcess>();
+      w.add_varint<process_descriptor::kPid>(static_cast<std::uint64_t>(::getpid()));
+      w.add_string<process_descriptor::kProcessName>(emberline::os::program_name());
       w.end_nested(process);
       break;
     }
     case TrackInfo::Kind::kCounter:
       // Unit, multiplier and incremental encoding all keep their defaults.
-      w.end_nested(w.begin_nested(track_descriptor::kCounter));
+      w.end_nested(w.begin_nested<track_descriptor::kCounter>());
       break;
     case TrackInfo::Kind::kCustom:
       break;
@@ -348,11 +366,11 @@ void describe(State& s, std::uint64_t uuid, TrackInfo& info) {
   const std::size_t names = info.name.size() + ::strlen(emberline::os::program_name()) +
                             (info.counter_name != nullptr ? ::strlen(info.counter_name) : 0);
   encode_into(bytes, 16 * ProtoWriter::kMaxField + names, [&](ProtoWriter& w) {
-    std::size_t packet = w.begin_nested(trace_proto::kPacket);
-    w.add_varint(trace_packet::kTimestamp, internal::TrackEventInternal::GetTraceTime());
-    w.add_varint(trace_packet::kTimestampClockId, kTraceClock);
-    w.add_varint(trace_packet::kTrustedPacketSequenceId, thread_sequence());
-    std::size_t descriptor = w.begin_nested(trace_packet::kTrackDescriptor);
+    std::size_t packet = w.begin_nested<trace_proto::kPacket>();
+    w.add_varint<trace_packet::kTimestamp>(internal::TrackEventInternal::GetTraceTime());
+    w.add_varint<trace_packet::kTimestampClockId>(kTraceClock);
+    w.add_varint<trace_packet::kTrustedPacketSequenceId>(thread_sequence());
+    std::size_t descriptor = w.begin_nested<trace_packet::kTrackDescriptor>();
     put_descriptor(w, uuid, info);
     w.end_nested(descriptor);
     w.end_nested(packet);
@@ -360,18 +378,106 @@ void describe(State& s, std::uint64_t uuid, TrackInfo& info) {
   append(bytes);
 }
 
+TrackInfo& add_track(State& s, std::uint64_t uuid, TrackInfo&& made) {
+  TrackInfo& info = s.tracks.emplace(uuid, std::move(made)).first->second;
+  info.uuid_size = static_cast<std::uint8_t>(ProtoWriter::encode_varint(uuid, info.uuid_varint));
+  return info;
+}
+
 TrackInfo& find_or_add(State& s, const Track& track, TrackInfo::Kind kind,
                        const char* counter_name) {
   auto found = s.tracks.find(track.uuid);
   if (found != s.tracks.end()) return found->second;
-  return s.tracks.emplace(track.uuid, TrackInfo{kind, track.parent_uuid, counter_name, {}, 0})
-      .first->second;
+  return add_track(s, track.uuid, {kind, track.parent_uuid, counter_name, {}, 0});
 }
 
 void add_process_track(State& s) {
-  s.tracks.try_emplace(Track::process_uuid(),
-                       TrackInfo{TrackInfo::Kind::kProcess, 0, nullptr, {}, 0});
+  if (s.tracks.count(Track::process_uuid()) == 0) {
+    add_track(s, Track::process_uuid(), {TrackInfo::Kind::kProcess, 0, nullptr, {}, 0});
+  }
 }
+
+// --- Interned names ------------------------------------------------------------------------------
+
+// Names interned by address, as the client library interns static names: a text goes into the
+// trace once per sequence and session, and events refer to it by number. That keeps a DSP
+// record's two packets to about half their size with names written out, and the file's bytes are
+// most of the worker's cost. As with the client library, a name must be static: its address
+// holds the same text for the whole process.
+class Interner {
+ public:
+  Interner() : slots_(kFirstSlots) {}
+
+  void clear() {
+    std::fill(slots_.begin(), slots_.end(), Slot{});
+    used_ = 0;
+  }
+
+  // The number of `name`, and whether it is fresh: a fresh name's text must go out with the
+  // packet that first refers to it.
+  std::uint64_t find(const char* name, bool& fresh) {
+    const Slot& slot = slots_[slot_of(name)];
+    fresh = slot.name != name;
+    return fresh ? find_further(name, fresh) : slot.iid;
+  }
+
+ private:
+  struct Slot {
+    const char* name = nullptr;
+    std::uint64_t iid = 0;
+  };
+  static constexpr std::size_t kFirstSlots = 32;  // a power of two
+
+  std::size_t slot_of(const char* name) const {
+    const auto address = reinterpret_cast<std::uintptr_t>(name);
+    return static_cast<std::size_t>((address * 0x9e3779b97f4a7c15ull) >> 40) & (slots_.size() - 1);
+  }
+
+  [[gnu::noinline]] std::uint64_t find_further(const char* name, bool& fresh) {
+    std::size_t i = slot_of(name);
+    for (; slots_[i].name != nullptr; i = (i + 1) & (slots_.size() - 1)) {
+      if (slots_[i].name == name) {
+        fresh = false;
+        return slots_[i].iid;
+      }
+    }
+    fresh = true;
+    slots_[i] = {name, ++used_};
+    if (2 * used_ > slots_.size()) grow();
+    return used_;
+  }
+
+  void grow() {
+    std::vector<Slot> old(2 * slots_.size());
+    old.swap(slots_);
+    for (const Slot& slot : old) {
+      if (slot.name == nullptr) continue;
+      std::size_t i = slot_of(slot.name);
+      while (slots_[i].name != nullptr) i = (i + 1) & (slots_.size() - 1);
+      slots_[i] = slot;
+    }
+  }
+
+  std::vector<Slot> slots_;
+  std::uint64_t used_ = 0;  // numbers go from 1
+};
+
+// A thread's packet sequence and what it has interned in the current session.
+struct Sequence {
+  std::uint32_t session = 0;
+  bool cleared = false;  // whether a packet of this session has cleared the sequence's state
+  Interner event_names;
+  Interner annotation_names;
+  // The tracks this thread wrote to last, by the low bits of their uuids: entries of the track
+  // table never move or go away.
+  struct Recent {
+    std::uint64_t uuid = 0;
+    TrackInfo* info = nullptr;
+  };
+  Recent recent_tracks[8];
+};
+// Used under the lock only.
+thread_local Sequence sequence;
 
 // --- Events --------------------------------------------------------------------------------------
 
@@ -388,56 +494,112 @@ struct Event {
   std::size_t annotation_count = 0;
 };
 
-// The lengths of an event's texts, measured once for the bound and the encoding alike.
-struct Lengths {
-  static constexpr std::size_t kAnnotations = 8;  // any further ones are measured twice
-  std::size_t name = 0;
-  std::size_t annotations[kAnnotations] = {};
+// An event's names as its packet refers to them, and the texts that go out with it. Filled in
+// as far as the event needs it, and no further.
+struct Names {
+  static constexpr std::size_t kInterned = 8;  // any further annotations carry their names inline
+  struct Fresh {
+    bool event_name;  // else an annotation's
+    std::uint64_t iid;
+    const char* text;
+    std::size_t length;
+  };
+  std::uint64_t flags;
+  std::uint64_t event;  // 0: no name
+  std::uint64_t annotations[kInterned];
+  Fresh fresh[1 + kInterned];
+  std::size_t fresh_count;
 };
 
-std::string_view annotation_name(const Event& e, const Lengths& lengths, std::size_t i) {
-  const char* name = e.annotations[i].name;
-  return i < Lengths::kAnnotations ? std::string_view(name, lengths.annotations[i])
-                                   : std::string_view(name);
+// A name new to the sequence: its text goes out with this packet.
+void add_fresh(Names& names, std::size_t& most, bool event_name, std::uint64_t iid,
+               const char* name) {
+  const std::size_t length = ::strlen(name);
+  names.fresh[names.fresh_count++] = {event_name, iid, name, length};
+  most += ProtoWriter::kMaxNesting + ProtoWriter::kMaxField + ProtoWriter::max_string(length);
 }
 
-// The most bytes the event's packet can take.
-std::size_t measure(const Event& e, Lengths& lengths) {
-  // The packet and the event, each with five fields at most.
-  std::size_t most = 2 * (ProtoWriter::kMaxNesting + 5 * ProtoWriter::kMaxField);
+// Finds the event's names in this thread's sequence, and returns the most bytes its packet can
+// take. A name is counted as sent from here on: if the packet does not reach the file, recording
+// has ended, and the next session starts the sequence afresh.
+std::size_t intern(const State& s, const Event& e, Names& names) {
+  names.flags = 0;
+  names.event = 0;
+  names.fresh_count = 0;
+  // The packet and the event, each with six fields at most, and the interned data.
+  std::size_t most = 3 * ProtoWriter::kMaxNesting + 12 * ProtoWriter::kMaxField;
+  if (e.name == nullptr && e.annotation_count == 0) return most;
+  Sequence& own = sequence;
+  if (own.session != s.session) {
+    own.session = s.session;
+    own.cleared = false;
+    own.event_names.clear();
+    own.annotation_names.clear();
+  }
+  bool fresh = false;
   if (e.name != nullptr) {
-    lengths.name = ::strlen(e.name);
-    most += ProtoWriter::max_string(lengths.name);
+    names.event = own.event_names.find(e.name, fresh);
+    if (fresh) add_fresh(names, most, true, names.event, e.name);
   }
   for (std::size_t i = 0; i < e.annotation_count; ++i) {
+    most += ProtoWriter::kMaxNesting + 2 * ProtoWriter::kMaxField;
     const char* name = e.annotations[i].name;
-    const std::size_t length = name != nullptr ? ::strlen(name) : 0;
-    if (i < Lengths::kAnnotations) lengths.annotations[i] = length;
-    most += ProtoWriter::kMaxNesting + ProtoWriter::kMaxField + ProtoWriter::max_string(length);
+    if (i >= Names::kInterned) {
+      if (name != nullptr) most += ProtoWriter::max_string(::strlen(name));
+      continue;
+    }
+    names.annotations[i] = 0;
+    if (name == nullptr) continue;
+    names.annotations[i] = own.annotation_names.find(name, fresh);
+    if (fresh) add_fresh(names, most, false, names.annotations[i], name);
   }
+  names.flags = trace_packet::kNeedsIncrementalState |
+                (own.cleared ? 0 : trace_packet::kIncrementalStateCleared);
+  own.cleared = true;
   return most;
 }
 
 // Returns the size of the packet encoded at `out`. The writer is local to this function, so that
 // its position stays in a register rather than being reloaded after every byte stored.
-std::size_t encode(char* out, const Event& e, const Lengths& lengths) {
+std::size_t encode(char* out, const Event& e, const TrackInfo& track, const Names& names) {
   ProtoWriter w(out);
-  const std::size_t packet = w.begin_nested(trace_proto::kPacket);
-  w.add_varint(trace_packet::kTimestamp, e.timestamp);
-  w.add_varint(trace_packet::kTimestampClockId, e.clock_id);
-  w.add_varint(trace_packet::kTrustedPacketSequenceId, thread_sequence());
-  const std::size_t event = w.begin_nested(trace_packet::kTrackEvent);
-  w.add_varint(track_event::kType, e.type);
-  w.add_varint(track_event::kTrackUuid, e.track.uuid);
-  if (e.real) w.add_double(track_event::kDoubleCounterValue, *e.real);
-  if (e.integer) w.add_int64(track_event::kCounterValue, *e.integer);
-  if (e.name != nullptr) w.add_string(track_event::kName, {e.name, lengths.name});
-  for (std::size_t i = 0; i < e.annotation_count; ++i) {
-    const std::size_t annotation = w.begin_nested(track_event::kDebugAnnotations);
-    if (e.annotations[i].name != nullptr) {
-      w.add_string(debug_annotation::kName, annotation_name(e, lengths, i));
+  const std::size_t packet = w.begin_nested<trace_proto::kPacket>();
+  w.add_varint<trace_packet::kTimestamp>(e.timestamp);
+  w.add_varint<trace_packet::kTimestampClockId>(e.clock_id);
+  w.add_varint<trace_packet::kTrustedPacketSequenceId>(thread_sequence());
+  if (names.flags != 0) w.add_varint<trace_packet::kSequenceFlags>(names.flags);
+  if (names.fresh_count != 0) {
+    const std::size_t interned = w.begin_nested<trace_packet::kInternedData>();
+    for (std::size_t i = 0; i < names.fresh_count; ++i) {
+      const Names::Fresh& fresh = names.fresh[i];
+      const std::size_t entry = fresh.event_name
+                                    ? w.begin_nested<interned_data::kEventNames>()
+                                    : w.begin_nested<interned_data::kDebugAnnotationNames>();
+      w.add_varint<interned_data::kIid>(fresh.iid);
+      w.add_string<interned_data::kName>({fresh.text, fresh.length});
+      w.end_nested(entry);
     }
-    w.add_int64(debug_annotation::kIntValue, e.annotations[i].value);
+    w.end_nested(interned);
+  }
+  const std::size_t event = w.begin_nested<trace_packet::kTrackEvent>();
+  w.add_varint<track_event::kType>(e.type);
+  w.add_encoded_varint<track_event::kTrackUuid>(track.uuid_varint, track.uuid_size);
+  if (e.real) w.add_double<track_event::kDoubleCounterValue>(*e.real);
+  if (e.integer) w.add_int64<track_event::kCounterValue>(*e.integer);
+  if (names.event != 0) w.add_varint<track_event::kNameIid>(names.event);
+  for (std::size_t i = 0; i < e.annotation_count; ++i) {
+    const std::int64_t value = e.annotations[i].value;
+    if (i < Names::kInterned && names.annotations[i] != 0) {
+      w.add_varint_pair<track_event::kDebugAnnotations, debug_annotation::kNameIid,
+                        debug_annotation::kIntValue>(names.annotations[i],
+                                                     static_cast<std::uint64_t>(value));
+      continue;
+    }
+    const std::size_t annotation = w.begin_nested<track_event::kDebugAnnotations>();
+    if (i >= Names::kInterned && e.annotations[i].name != nullptr) {
+      w.add_string<debug_annotation::kName>(e.annotations[i].name);
+    }
+    w.add_int64<debug_annotation::kIntValue>(value);
     w.end_nested(annotation);
   }
   w.end_nested(event);
@@ -449,17 +611,23 @@ std::size_t encode(char* out, const Event& e, const Lengths& lengths) {
 // straight into the batch; only a packet that might not fit an empty batch takes a buffer of its
 // own.
 void write_event(const Event& e, TrackInfo::Kind kind, const char* counter_name = nullptr) {
-  Lengths lengths;
-  const std::size_t most = measure(e, lengths);
   State& s = state();
   std::lock_guard lock(s.mutex);
   BatchHold hold;
   if (!hold || open_fd() < 0) return;
-  describe(s, e.track.uuid, find_or_add(s, e.track, kind, counter_name));
+  Sequence::Recent& recent =
+      sequence.recent_tracks[e.track.uuid % std::size(sequence.recent_tracks)];
+  if (recent.info == nullptr || recent.uuid != e.track.uuid) {
+    recent = {e.track.uuid, &find_or_add(s, e.track, kind, counter_name)};
+  }
+  const TrackInfo& track = *recent.info;
+  describe(s, e.track.uuid, *recent.info);
+  Names names;
+  const std::size_t most = intern(s, e, names);
   if (most > emberline::trace::kBatchBytes) {
     std::string bytes;
     bytes.resize(most);
-    bytes.resize(encode(bytes.data(), e, lengths));
+    bytes.resize(encode(bytes.data(), e, track, names));
     append(bytes);
     return;
   }
@@ -468,7 +636,7 @@ void write_event(const Event& e, TrackInfo::Kind kind, const char* counter_name 
     return;
   }
   const std::size_t at = batch.size.load(std::memory_order_relaxed);
-  batch.size.store(at + encode(batch.bytes + at, e, lengths), std::memory_order_release);
+  batch.size.store(at + encode(batch.bytes + at, e, track, names), std::memory_order_release);
 }
 
 bool recording() {
@@ -486,22 +654,22 @@ std::string clock_snapshot_packet() {
   };
   std::string bytes;
   encode_into(bytes, 16 * ProtoWriter::kMaxField, [&](ProtoWriter& w) {
-    std::size_t packet = w.begin_nested(trace_proto::kPacket);
-    w.add_varint(trace_packet::kTrustedPacketSequenceId, kSessionSequence);
-    std::size_t snapshot = w.begin_nested(trace_packet::kClockSnapshot);
+    std::size_t packet = w.begin_nested<trace_proto::kPacket>();
+    w.add_varint<trace_packet::kTrustedPacketSequenceId>(kSessionSequence);
+    std::size_t snapshot = w.begin_nested<trace_packet::kClockSnapshot>();
     const std::pair<std::uint32_t, std::uint64_t> clocks[] = {
         {protos::pbzero::BUILTIN_CLOCK_BOOTTIME, nanoseconds(boot)},
         {protos::pbzero::BUILTIN_CLOCK_MONOTONIC, nanoseconds(mono)},
     };
     for (const auto& [id, value] : clocks) {
-      std::size_t clock = w.begin_nested(clock_snapshot::kClocks);
-      w.add_varint(clock_snapshot::kClockId, id);
-      w.add_varint(clock_snapshot::kTimestamp, value);
+      std::size_t clock = w.begin_nested<clock_snapshot::kClocks>();
+      w.add_varint<clock_snapshot::kClockId>(id);
+      w.add_varint<clock_snapshot::kTimestamp>(value);
       w.end_nested(clock);
     }
     // Events are stamped with the monotonic clock; making it the trace's clock keeps their times as
     // written, while the boot-time reading still lets a reader map them onto a system trace.
-    w.add_varint(clock_snapshot::kPrimaryTraceClock, kTraceClock);
+    w.add_varint<clock_snapshot::kPrimaryTraceClock>(kTraceClock);
     w.end_nested(snapshot);
     w.end_nested(packet);
   });
