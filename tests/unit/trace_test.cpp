@@ -1,11 +1,13 @@
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <numeric>
 #include <thread>
 #include <tuple>
 
@@ -184,9 +186,10 @@ TEST(ProtoWriter, VarintsOfEveryWidthReadBack) {
   }
 }
 
-// Each session is a trace of its own, which describes again the tracks it uses. A file that stops
-// growing (here at the file size limit) keeps whole packets only, and recording ends rather than
-// write torn ones.
+// Each session is a trace of its own, which describes again the tracks it uses. Full batches go
+// out through the writer thread, in order. A file that stops growing (here at the file size
+// limit, met by the writer thread or by a flush) keeps whole packets only, and recording ends
+// rather than write torn ones.
 TEST_F(TraceTest, SessionsReportUnlessQuietAndEachRecordsAWholeTrace) {
   const std::string good = path(), missing = path("no-such-dir/run");
   rlimit saved{};
@@ -197,6 +200,7 @@ TEST_F(TraceTest, SessionsReportUnlessQuietAndEachRecordsAWholeTrace) {
       {good, false, none, true, "Trace will be saved to '" + good + "'\n"},
       {good, true, none, true, ""},
       {good, true, 1000, true, ""},
+      {good, true, 300000, true, ""},
       {missing, false, none, false, "Failed to open trace file at '" + missing + "'\n"},
       {missing, true, none, false, ""},
       {"/dev/full", false, none, false, "Failed to open trace file at '/dev/full'\n"}};
@@ -206,8 +210,11 @@ TEST_F(TraceTest, SessionsReportUnlessQuietAndEachRecordsAWholeTrace) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(start_session(file, quiet), started) << file << quiet << limit;
     EXPECT_EQ(testing::internal::GetCapturedStderr(), message);
-    for (int i = 0; i < 200; ++i) TrackEvent::Counter(CounterTrack("Watts"), now(), i);
-    flush();  // the batch meets the limit here
+    constexpr std::int64_t kCounters = 20000;  // about seven batches
+    for (std::int64_t i = 0; i < kCounters; ++i) {
+      TrackEvent::Counter(CounterTrack("Watts"), now(), i);
+    }
+    flush();
     EXPECT_EQ(category_enabled(), started && limit == none) << file << quiet << limit;
     stop_session();
     setrlimit(RLIMIT_FSIZE, &saved);
@@ -215,10 +222,18 @@ TEST_F(TraceTest, SessionsReportUnlessQuietAndEachRecordsAWholeTrace) {
     if (!started) continue;
     const auto packets = read_trace(file);
     EXPECT_EQ(check_trace(packets).size(), 2u) << quiet << limit;
-    // All 200 counters, or every one that fit whole (a counter packet is under 64 bytes).
-    EXPECT_TRUE(limit == none ? packets.size() == 203
-                              : std::filesystem::file_size(file) > limit - 64)
-        << quiet << limit;
+    // Every counter in order, or those that fit whole (a counter packet is under 64 bytes).
+    std::vector<std::int64_t> values, expected;
+    for (const Message& packet : packets) {
+      if (auto event = packet.message(kTrackEvent)) values.push_back(*event->int64(kIntValue));
+    }
+    for (std::int64_t i = 0; i < static_cast<std::int64_t>(values.size()); ++i) {
+      expected.push_back(i);
+    }
+    EXPECT_EQ(values, expected);
+    const auto size = std::filesystem::file_size(file);
+    EXPECT_TRUE(limit == none ? values.size() == kCounters : size > limit - 64 && size <= limit)
+        << quiet << limit << " " << values.size() << " " << size;
   }
   signal(SIGXFSZ, previous);
 }
@@ -280,6 +295,61 @@ TEST_F(TraceTest, TheGuardCutsATornWriteAway) {
   const auto torn_b = tear(path("b"));
   ended.this_process_ended();
   EXPECT_EQ(std::filesystem::file_size(path("b")), torn_b);
+}
+
+// A fatal signal's handler writes the batch that the writer thread has not written yet, then the
+// one gathering, each in its place, and the guard's cut keeps both. The writer thread is held in a
+// signal handler of its own meanwhile, in a child process, so that its batch stays unwritten.
+TEST_F(TraceTest, AFatalSignalsHandlerAlsoWritesTheWriterThreadsBatch) {
+  constexpr std::int64_t kCounters = 6000;  // one batch handed over, and more gathered
+#if defined(__SANITIZE_THREAD__)
+  const auto tasks = std::filesystem::directory_iterator("/proc/self/task");
+  if (std::distance(begin(tasks), end(tasks)) > 1) {
+    GTEST_SKIP() << "ThreadSanitizer starts no thread in a child forked from several threads";
+  }
+#endif
+  static int hold[2];
+  static std::atomic<bool> held{false};
+  ASSERT_EQ(::pipe(hold), 0);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    if (!start_session(path(), true)) ::_exit(1);
+    signal(SIGUSR1, [](int) {
+      held = true;
+      char byte;
+      [[maybe_unused]] ssize_t ignored = ::read(hold[0], &byte, 1);
+    });
+    ::alarm(30);
+    // The writer thread names itself once it runs.
+    while (!held) {
+      for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        if (name != "TraceWriter") continue;
+        ::syscall(SYS_tgkill, ::getpid(), std::stoi(task.path().filename()), SIGUSR1);
+        while (!held) std::this_thread::yield();
+      }
+    }
+    for (std::int64_t i = 0; i < kCounters; ++i) {
+      TrackEvent::Counter(CounterTrack("Watts"), now(), i);
+    }
+    flush_from_signal_handler();
+    cut_to_flushed_packets(session_file());
+    ::_exit(0);
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  ::close(hold[0]);
+  ::close(hold[1]);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  const auto packets = read_trace(path());
+  check_trace(packets);
+  std::vector<std::int64_t> values, expected(kCounters);
+  for (const Message& packet : packets) {
+    if (auto event = packet.message(kTrackEvent)) values.push_back(*event->int64(kIntValue));
+  }
+  std::iota(expected.begin(), expected.end(), 0);
+  EXPECT_EQ(values, expected);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "platform/trace/perfetto.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -13,6 +14,8 @@
 #include <new>
 #include <optional>
 #include <string_view>
+#include <system_error>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -197,32 +200,42 @@ FileRecord& make_file_record() {
   return *record;
 }
 
-// Packets waiting for the file. Besides the lock's holder, a fatal signal's handler may take the
-// batch, so it is taken by an atomic flag of its own, and lives in static storage: a handler needs
-// no lock, no allocation and no pointer that could move. The order of the stores below is what
-// lets a handler that interrupted its own thread anywhere write the batch all the same: `size`
-// covers only bytes already in place, and a write the handler repeats puts the same bytes in the
-// same place of the file.
+// Packets waiting for the file, in two batches: one gathers while a thread of its own writes the
+// other, so that a thread making packets fast (the DSP worker) does not also wait for the file.
+// Besides the lock's holder, a fatal signal's handler may take the batches, so they are taken by
+// an atomic flag of their own, and live in static storage: a handler needs no lock, no allocation
+// and no pointer that could move. Each batch knows where in the file it goes. The order of the
+// stores below is what lets a handler that interrupted any thread anywhere write the batches all
+// the same: `size` covers only bytes already in place, and a write the handler repeats puts the
+// same bytes in the same place of the file.
 struct Batch {
-  std::atomic<bool> taken{false};
+  std::atomic<std::uint64_t> at{0};  // where in the file its first byte goes
   std::atomic<std::size_t> size{0};  // bytes of whole packets gathered
   char bytes[emberline::trace::kBatchBytes];
 };
-Batch batch;
-// Whether this thread has the batch, for a handler that interrupted its own thread.
+struct Batches {
+  std::atomic<bool> taken{false};
+  std::atomic<int> gathering{0};           // the batch that packets go into
+  std::atomic<int> writing{-1};            // the batch the writer thread has, or -1
+  std::atomic<bool> writer_failed{false};  // a write of the writer thread stopped short
+  pid_t writer_process = 0;                // the process whose writer thread runs; by the holder
+  Batch batch[2];
+};
+Batches batches;
+// Whether this thread has the batches, for a handler that interrupted its own thread.
 thread_local bool this_thread_has_batch = false;
 
-// Takes the batch for the holder of the lock. Only a fatal signal's handler can have it already,
-// and keeps it while the process ends: the packet is then dropped.
+// Takes the batches for the holder of the lock. Only a fatal signal's handler can have them
+// already, and keeps them while the process ends: the packet is then dropped.
 class BatchHold {
  public:
-  BatchHold() : held_(!batch.taken.exchange(true, std::memory_order_acquire)) {
+  BatchHold() : held_(!batches.taken.exchange(true, std::memory_order_acquire)) {
     this_thread_has_batch = held_;
   }
   ~BatchHold() {
     if (!held_) return;
     this_thread_has_batch = false;
-    batch.taken.store(false, std::memory_order_release);
+    batches.taken.store(false, std::memory_order_release);
   }
   BatchHold(const BatchHold&) = delete;
   BatchHold& operator=(const BatchHold&) = delete;
@@ -232,8 +245,8 @@ class BatchHold {
   const bool held_;
 };
 
-// From here to append(), code runs with the batch taken, also in a fatal signal's handler, and
-// so makes async-signal-safe calls only.
+// From here to append(), code runs with the batches taken, also in a fatal signal's handler, and
+// so makes async-signal-safe calls only. The writer thread runs write_at() alone.
 
 int open_fd() {
   FileRecord* record = file_record.load(std::memory_order_acquire);
@@ -266,17 +279,13 @@ std::size_t whole_packets(const char* data, std::size_t size) {
   return whole;
 }
 
-// Puts whole packets behind those in the file, at an explicit offset, and returns whether all of
-// them got there; `committed` runs between the write and the record of the new end, for the
-// caller to let go of what it wrote. A write that stops short (a full disk) cuts the file back to
-// the last packet that reached it whole, and recording ends, so that the file stays a readable
-// trace.
-template <typename Committed>
-bool write_out(const char* data, std::size_t size, Committed committed) {
+// Puts whole packets at `at` in the file, and returns whether all of them got there. A write
+// that stops short (a full disk) cuts the file back to the last packet that reached it whole, so
+// that the file stays a readable trace; the caller then ends recording. The record of the file's
+// whole packets only grows: a handler may write a batch again beside the writer thread.
+bool write_at(const char* data, std::size_t size, std::uint64_t at) {
   const int fd = open_fd();
   if (fd < 0) return false;
-  FileRecord& record = *file_record.load(std::memory_order_acquire);
-  const std::uint64_t at = record.flushed.load(std::memory_order_relaxed);
   std::size_t done = 0;
   while (done < size) {
     const ssize_t count = ::pwrite(fd, data + done, size - done, static_cast<off_t>(at + done));
@@ -284,34 +293,134 @@ bool write_out(const char* data, std::size_t size, Committed committed) {
     if (count <= 0) break;
     done += static_cast<std::size_t>(count);
   }
-  committed();
   const std::uint64_t whole = at + (done == size ? size : whole_packets(data, done));
-  record.flushed.store(whole, std::memory_order_release);
+  std::atomic<std::uint64_t>& flushed = file_record.load(std::memory_order_acquire)->flushed;
+  std::uint64_t known = flushed.load(std::memory_order_relaxed);
+  while (known < whole && !flushed.compare_exchange_weak(known, whole, std::memory_order_release,
+                                                         std::memory_order_relaxed)) {
+  }
   if (done == size) return true;
   if (::ftruncate(fd, static_cast<off_t>(whole)) != 0) {
     // Nothing more can be done: the reader will see a torn last packet.
   }
+  return false;
+}
+
+Batch& gathering() {
+  return batches.batch[batches.gathering.load(std::memory_order_acquire)];
+}
+
+// Writes the gathered packets where they go, and empties the batch.
+bool write_gathered() {
+  Batch& batch = gathering();
+  const std::size_t size = batch.size.load(std::memory_order_acquire);
+  if (size == 0) return open_fd() >= 0;
+  const std::uint64_t at = batch.at.load(std::memory_order_relaxed);
+  const bool whole = write_at(batch.bytes, size, at);
+  batch.size.store(0, std::memory_order_release);
+  batch.at.store(at + size, std::memory_order_release);
+  if (!whole) end_recording();
+  return whole;
+}
+
+// Waits until the writer thread has no batch. A write of its that stopped short ends recording
+// here, in the holder, which alone may close the file.
+bool await_writer() {
+  for (int writing = batches.writing.load(std::memory_order_acquire); writing >= 0;
+       writing = batches.writing.load(std::memory_order_acquire)) {
+    batches.writing.wait(writing, std::memory_order_acquire);
+  }
+  if (!batches.writer_failed.load(std::memory_order_acquire)) return true;
   end_recording();
   return false;
 }
 
+// Writes everything gathered, and returns once it is in the file.
 bool flush_batch() {
-  const std::size_t size = batch.size.load(std::memory_order_acquire);
-  if (size == 0) return open_fd() >= 0;
-  return write_out(batch.bytes, size, [] { batch.size.store(0, std::memory_order_release); });
+  return await_writer() && write_gathered();
+}
+
+// Hands the full batch to the writer thread and gathers into the other one, once the writer
+// thread is done with it.
+bool hand_off() {
+  if (batches.writer_process != ::getpid()) return flush_batch();
+  if (!await_writer()) return false;
+  const int full = batches.gathering.load(std::memory_order_relaxed);
+  Batch& batch = batches.batch[full];
+  Batch& next = batches.batch[1 - full];
+  next.size.store(0, std::memory_order_release);
+  next.at.store(
+      batch.at.load(std::memory_order_relaxed) + batch.size.load(std::memory_order_relaxed),
+      std::memory_order_release);
+  batches.writing.store(full, std::memory_order_release);
+  batches.writing.notify_one();
+  batches.gathering.store(1 - full, std::memory_order_release);
+  return open_fd() >= 0;
+}
+
+void write_handed_batches() {
+  ::pthread_setname_np(::pthread_self(), "TraceWriter");
+  for (;;) {
+    batches.writing.wait(-1, std::memory_order_acquire);
+    const int writing = batches.writing.load(std::memory_order_acquire);
+    const Batch& batch = batches.batch[writing];
+    if (!write_at(batch.bytes, batch.size.load(std::memory_order_acquire),
+                  batch.at.load(std::memory_order_acquire))) {
+      category().store(0, std::memory_order_relaxed);
+      batches.writer_failed.store(true, std::memory_order_release);
+    }
+    batches.writing.store(-1, std::memory_order_release);
+    batches.writing.notify_all();
+  }
+}
+
+// The writer thread lives for the rest of the process, waiting while no batch is handed to it.
+// Without it, every full batch is written by the thread that filled it. A child forked by a
+// tracing process has no writer thread, nor any batch being written.
+void start_writer() {
+  if (batches.writer_process == ::getpid()) return;
+  batches.writing.store(-1, std::memory_order_release);
+  try {
+    std::thread(write_handed_batches).detach();
+    batches.writer_process = ::getpid();
+  } catch (const std::system_error&) {
+  }
+}
+
+// What a fatal signal's handler writes: the writer thread's batch, again or before that thread gets
+// to it, then the gathered one. It never waits for the writer thread, which may be the one that
+// crashed.
+void write_for_handler() {
+  if (batches.writer_failed.load(std::memory_order_acquire)) return;
+  const int writing = batches.writing.load(std::memory_order_acquire);
+  if (writing >= 0) {
+    const Batch& batch = batches.batch[writing];
+    if (!write_at(batch.bytes, batch.size.load(std::memory_order_acquire),
+                  batch.at.load(std::memory_order_acquire))) {
+      end_recording();
+      return;
+    }
+  }
+  write_gathered();
 }
 
 // A packet joins the batch, which goes out first if the packet does not fit behind it.
 void append(const std::string& packet) {
   if (open_fd() < 0) return;
-  const std::size_t size = batch.size.load(std::memory_order_relaxed);
-  if (packet.size() > emberline::trace::kBatchBytes - size) {
-    if (!flush_batch()) return;
+  if (packet.size() > emberline::trace::kBatchBytes - gathering().size.load()) {
     if (packet.size() > emberline::trace::kBatchBytes) {
-      write_out(packet.data(), packet.size(), [] {});
+      // Written on its own, behind everything gathered.
+      if (!flush_batch()) return;
+      Batch& batch = gathering();
+      const std::uint64_t at = batch.at.load(std::memory_order_relaxed);
+      const bool whole = write_at(packet.data(), packet.size(), at);
+      batch.at.store(at + packet.size(), std::memory_order_release);
+      if (!whole) end_recording();
       return;
     }
+    if (!hand_off()) return;
   }
+  Batch& batch = gathering();
   const std::size_t at = batch.size.load(std::memory_order_relaxed);
   std::memcpy(batch.bytes + at, packet.data(), packet.size());
   batch.size.store(at + packet.size(), std::memory_order_release);
@@ -631,10 +740,11 @@ void write_event(const Event& e, TrackInfo::Kind kind, const char* counter_name 
     append(bytes);
     return;
   }
-  if (most > emberline::trace::kBatchBytes - batch.size.load(std::memory_order_relaxed) &&
-      !flush_batch()) {
+  if (most > emberline::trace::kBatchBytes - gathering().size.load(std::memory_order_relaxed) &&
+      !hand_off()) {
     return;
   }
+  Batch& batch = gathering();
   const std::size_t at = batch.size.load(std::memory_order_relaxed);
   batch.size.store(at + encode(batch.bytes + at, e, track, names), std::memory_order_release);
 }
@@ -768,9 +878,15 @@ bool start_session(const std::string& path, bool quiet) {
       ::close(fd);
       return fail();
     }
+    perfetto::start_writer();
     // A session started by another thread meanwhile.
     perfetto::flush_batch();
     perfetto::end_recording();
+    perfetto::batches.writer_failed.store(false, std::memory_order_relaxed);
+    for (perfetto::Batch& batch : perfetto::batches.batch) {
+      batch.size.store(0, std::memory_order_relaxed);
+      batch.at.store(0, std::memory_order_relaxed);
+    }
     // Session 0 stands for "never described", so the count skips it when it wraps.
     if (++s.session == 0) ++s.session;
     perfetto::FileRecord& record = perfetto::make_file_record();
@@ -807,17 +923,17 @@ void flush() {
 
 void flush_from_signal_handler() {
   const int saved_errno = errno;
-  // Another thread may be writing the batch out: it is given a while to finish. The batch is then
-  // kept, so that no write starts that the end of the process could cut short.
+  // Another thread may be writing the batches out: it is given a while to finish. The batches are
+  // then kept, so that no write starts that the end of the process could cut short.
   bool have = perfetto::this_thread_has_batch;
   for (int attempt = 0; attempt < 200 && !have; ++attempt) {
-    have = !perfetto::batch.taken.exchange(true, std::memory_order_acquire);
+    have = !perfetto::batches.taken.exchange(true, std::memory_order_acquire);
     const timespec pause{0, 5'000'000};
     if (!have) ::nanosleep(&pause, nullptr);
   }
   if (have) {
     perfetto::this_thread_has_batch = true;
-    perfetto::flush_batch();
+    perfetto::write_for_handler();
   }
   errno = saved_errno;
 }

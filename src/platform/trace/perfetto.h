@@ -111,7 +111,8 @@ struct DebugAnnotation {
 // Writers for the event kinds the tool emits. Each call writes one packet; the first use of a
 // track in a session writes its descriptor (and its parent's) first. Safe to call from several
 // threads. Without a session they write nothing. Counter timestamps are trace time
-// (GetTraceTime); names and annotation names must outlive the call only.
+// (GetTraceTime). Event and annotation names are interned by address, so each must be static, as
+// the client library requires: one address keeps one text for the whole process.
 class TrackEvent {
  public:
   static void Counter(const CounterTrack& track, std::uint64_t timestamp, double value);
@@ -172,8 +173,9 @@ inline void emit_counter(const perfetto::CounterTrack& track, const T& value) {
 bool start_session(const std::string& path, bool quiet);
 void stop_session();
 
-// Packets gather in a batch of this size and reach the file when it is full, when flush() is
-// called, and when the session stops. A packet larger than the batch goes out on its own.
+// Packets gather in a batch of this size. A full batch goes to a writer thread of this layer
+// while the next one gathers; flush() and the end of the session write everything gathered and
+// return once it is in the file. A packet larger than the batch goes out on its own.
 inline constexpr std::size_t kBatchBytes = 128 * 1024;
 
 // Writes the gathered packets. The engine calls it at every tick, so that the file is never more
