@@ -85,7 +85,6 @@ constexpr std::uint32_t kDebugAnnotations = 4;
 constexpr std::uint32_t kType = 9;
 constexpr std::uint32_t kNameIid = 10;
 constexpr std::uint32_t kTrackUuid = 11;
-constexpr std::uint32_t kName = 23;
 constexpr std::uint32_t kCounterValue = 30;
 constexpr std::uint32_t kDoubleCounterValue = 44;
 constexpr std::uint64_t kTypeSliceBegin = 1;
