@@ -134,9 +134,9 @@ TEST(QuillonRails, OneFieldPerHexadecimalRailDirectory) {
               line == "ddr_rail_0: null | gfx_rail_1: 1.500W")
       << line;
 
-  // A directory of another prefix is looked for under "epm:", and is not found there: the run
-  // goes on without the section.
-  rail("other:2", "cam\n", "1\n");
+  // A directory of another prefix is looked for under "epm:" by what follows its last colon, and
+  // is not found there: the run goes on without the section.
+  rail("other:x:2", "cam\n", "1\n");
   auto result = e2e::run({"-c", "--no-power", "--quillon-rails", "-t", "1"});
   EXPECT_EQ(result.exit_code, 0);
   EXPECT_EQ(result.err.find("ERROR: Failed to find name file for rail directory 'epm:2'.\n"), 0u)

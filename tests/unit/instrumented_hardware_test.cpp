@@ -29,18 +29,6 @@ TEST(RailReadings, FactorsAndMicrowattsBecomeWatts) {
   // clang-format on
 }
 
-TEST(RailReadings, OnlyHexadecimalEndingsNameARail) {
-  struct Case {
-    std::string entry, ending;
-  } cases[] = {
-      {"/sys/class/powercap/epm:0", "0"},     {"/sys/class/powercap/epm:1A", "1A"},
-      {"/sys/class/powercap/other:ff", "ff"}, {"/sys/class/powercap/a:b:c0", "c0"},
-      {"/sys/class/powercap/epm:", ""},       {"/sys/class/powercap/epm:1g", ""},
-      {"/sys/class/powercap/intel-rapl", ""}, {"abc", "abc"},
-  };
-  for (const auto& c : cases) EXPECT_EQ(rail_ending(c.entry), c.ending) << c.entry;
-}
-
 TEST(DramSamples, MalformedLinesAreSkipped) {
   struct Case {
     std::string text;
