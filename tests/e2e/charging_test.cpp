@@ -38,16 +38,15 @@ TEST(Charging, GivenBackOnEveryWayOut) {
     std::string rest;  // what follows `started` on the console (the standard error stream)
     std::vector<std::string> logged = {};  // the Android log's records, as e2e::log_records
   };
-  std::vector<Case> cases = {
+  const Case cases[] = {
       {SIGINT, 0, 0, stopped},
       {SIGTERM, 0, 0, stopped},
       {0, 1, 0, stopped},
       // The message and its line end are two insertions, so two records.
       {SIGHUP, 0, 0, R"(\n\n)", {"emberline I Enabling charging...", "emberline I \n"}},
+      {SIGABRT, 0, SIGABRT, silent},
+      {SIGKILL, 0, SIGKILL, silent},
   };
-  for (int fatal : {SIGABRT, SIGKILL}) {
-    cases.push_back({fatal, 0, fatal, silent});
-  }
   for (const auto& c : cases) {
     SCOPED_TRACE(c.head ? "head -1" : strsignal(c.signal));
     const std::size_t before = writes_so_far();

@@ -57,6 +57,24 @@ void add_ticks(int pid, int tid, long freq, long ticks) {
   e2e::write_file(path, text);
 }
 
+// Starts a thread of `pid` in the headset's listing; returns its directory.
+std::string start_thread(int pid, int tid, const std::string& comm, const std::string& cmdline,
+                         const std::string& time_in_state) {
+  const std::string dir = task_dir(pid) + std::to_string(tid) + "/";
+  std::filesystem::create_directories(dir);
+  e2e::write_file(dir + "comm", comm + "\n");
+  e2e::write_file(dir + "cmdline", cmdline + std::string(1, '\0'));
+  e2e::write_file(dir + "time_in_state", time_in_state);
+  return dir;
+}
+
+// The names a credits report shows.
+std::set<std::string> names_of(emberline::CpuCreditsPlugin& plugin) {
+  std::set<std::string> names;
+  for (const auto& [name, credits] : plugin.credits()->entries) names.insert(name);
+  return names;
+}
+
 // Credits are per whole millisecond of the period; a period that short would have none.
 void let_a_period_pass() {
   std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -136,28 +154,20 @@ TEST(CreditsTick, ThreadsBornAndEndedBetweenTicks) {
   const std::string dir = task_dir(home) + std::to_string(ended), gone = task_dir(home) + ".gone";
   ASSERT_EQ(::rename(dir.c_str(), gone.c_str()), 0);
   // Born under a name that other processes' threads have too.
-  const std::string born = task_dir(shell) + "4242/";
-  std::filesystem::create_directories(born);
-  e2e::write_file(born + "comm", "RenderThread\n");
-  e2e::write_file(born + "cmdline", std::string("sh\0", 3));
-  e2e::write_file(born + "time_in_state", "cpu0\n300000 100000\n");
+  const std::string born = start_thread(shell, 4242, "RenderThread", "sh", "cpu0\n300000 100000\n");
   add_ticks(ravelin, find_tid(ravelin, "HeapTaskDaemon"), 300000, 100000);
   add_ticks(home, find_tid(home, "HeapTaskDaemon"), 300000, 100000);
   add_ticks(shell, shell, 300000, 100000);
   let_a_period_pass();
   ASSERT_TRUE(plugin.on_output());
-  std::set<std::string> names;
-  for (const auto& [name, credits] : plugin.credits()->entries) names.insert(name);
-  EXPECT_EQ(names, (std::set<std::string>{"HeapTaskDaemon", "RenderThread", "sh"}));
+  EXPECT_EQ(names_of(plugin), (std::set<std::string>{"HeapTaskDaemon", "RenderThread", "sh"}));
 
   // The next period: the born thread is unchanged and so left out; the ended thread's id is back,
   // new again, with its whole count and the name the run first read for it.
   ASSERT_EQ(::rename(gone.c_str(), dir.c_str()), 0);
   let_a_period_pass();
   ASSERT_TRUE(plugin.on_output());
-  names.clear();
-  for (const auto& [name, credits] : plugin.credits()->entries) names.insert(name);
-  EXPECT_EQ(names, (std::set<std::string>{"UnityMain"}));
+  EXPECT_EQ(names_of(plugin), (std::set<std::string>{"UnityMain"}));
   std::filesystem::remove_all(born);
 }
 
@@ -168,11 +178,8 @@ TEST(CreditsTick, SteadyStateTakesAFewHeapBlocksAndKeepsNoDescriptor) {
   const int pool = 2215;
   std::vector<std::string> added;
   for (int tid = 30000; tid < 30300; ++tid) {
-    added.push_back(task_dir(pool) + std::to_string(tid) + "/");
-    std::filesystem::create_directories(added.back());
-    e2e::write_file(added.back() + "comm", "binder:2215_" + std::to_string(tid) + "\n");
-    e2e::write_file(added.back() + "cmdline", std::string("system_server\0", 14));
-    e2e::write_file(added.back() + "time_in_state", "cpu0\n300000 1\ncpu4\n710400 1\n");
+    added.push_back(start_thread(pool, tid, "binder:2215_" + std::to_string(tid), "system_server",
+                                 "cpu0\n300000 1\ncpu4\n710400 1\n"));
   }
   emberline::CpuCreditsPlugin plugin;
   ASSERT_TRUE(plugin.init());
@@ -249,11 +256,7 @@ TEST(CreditsReport, NamesWithOneCreditOrMore) {
     add_ticks(home, find_tid(home, "HeapTaskDaemon"), 300000, 1);
     add_ticks(ravelin, find_tid(ravelin, "HeapTaskDaemon"), 300000, 1);
     // A thread started within the period counts whole, under its own name.
-    const std::string born = task_dir(shell) + "4242/";
-    std::filesystem::create_directories(born);
-    e2e::write_file(born + "comm", "NewThread\n");
-    e2e::write_file(born + "cmdline", std::string("sh\0", 3));
-    e2e::write_file(born + "time_in_state", "cpu0\n300000 2\ncpu4\n710400 0\n");
+    start_thread(shell, 4242, "NewThread", "sh", "cpu0\n300000 2\ncpu4\n710400 0\n");
   };
   // The counters change once the run has started, after the snapshot it takes at start; the next
   // is a whole output period later. Charging goes on, so that the run starts at once rather than

@@ -21,9 +21,14 @@ std::string monitor(int m, const char* node) {
   return kRoot + "bwmon" + std::to_string(m) + "/" + node;
 }
 
-std::vector<std::string> writes_of(std::initializer_list<std::pair<std::string, std::string>> w) {
+// The driver's writes, as the headset recorded them, of a run at `period_hex` whose monitors
+// `switched` were switched on: each monitor on after the period, then the period and each off.
+std::vector<std::string> driver_writes(const std::string& period_hex, int switched) {
   std::vector<std::string> result;
-  for (const auto& [path, hex] : w) result.push_back(path + " 0 " + hex);
+  for (auto [period, on] : {std::pair{period_hex, "31"}, {"3130300a", "30"}}) {
+    result.push_back(kRoot + "sample_ms 0 " + period);
+    for (int m = 0; m < switched; ++m) result.push_back(monitor(m, "mon_enabled") + " 0 " + on);
+  }
   return result;
 }
 
@@ -65,14 +70,7 @@ TEST(DramBandwidth, SetsTheDriverForTheRunAndPutsItBack) {
   }
   EXPECT_EQ(e2e::read_file(kRoot + "sample_ms"), "100\n");
   for (int m = 0; m < 3; ++m) EXPECT_EQ(e2e::read_file(monitor(m, "mon_enabled")), "0");
-  EXPECT_EQ(e2e::recorded_writes(8, 0, kRoot), writes_of({{kRoot + "sample_ms", "37"},
-                                                          {monitor(0, "mon_enabled"), "31"},
-                                                          {monitor(1, "mon_enabled"), "31"},
-                                                          {monitor(2, "mon_enabled"), "31"},
-                                                          {kRoot + "sample_ms", "3130300a"},
-                                                          {monitor(0, "mon_enabled"), "30"},
-                                                          {monitor(1, "mon_enabled"), "30"},
-                                                          {monitor(2, "mon_enabled"), "30"}}));
+  EXPECT_EQ(e2e::recorded_writes(8, 0, kRoot), driver_writes("37", 3));
 }
 
 // The sample lists are read by path at every tick: a list that is not there yet costs its line
@@ -132,10 +130,7 @@ TEST(DramBandwidth, AMonitorThatRefusesItsSwitchFailsInitAndTheOthersAreSwitched
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "Failed to write value 1" + refused + "Failed to write value 0" + refused);
   EXPECT_EQ(e2e::read_file(kRoot + "sample_ms"), "100\n");
-  EXPECT_EQ(e2e::recorded_writes(4, 0, kRoot), writes_of({{kRoot + "sample_ms", "3530"},
-                                                          {monitor(0, "mon_enabled"), "31"},
-                                                          {kRoot + "sample_ms", "3130300a"},
-                                                          {monitor(0, "mon_enabled"), "30"}}));
+  EXPECT_EQ(e2e::recorded_writes(4, 0, kRoot), driver_writes("3530", 1));
   EXPECT_EQ(e2e::read_file(monitor(2, "mon_enabled")), "0\n");
 }
 

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,7 +17,6 @@
 #include "harness.h"
 #include "platform/counter/cntvct.h"
 #include "plugins/dsp_trace_plugin.h"
-#include "unit/slice_events.h"
 
 namespace {
 
@@ -26,68 +24,22 @@ using emberline::DspTracePlugin;
 using Entry = DspTracePlugin::DspLogEntry;
 constexpr const char* kFifo = "/data/misc/dsp/HexagonTelemetrySharedFIFO";
 
-// What the test, standing in for the DSP's agent, writes into the FIFO at once: the records
-// alone (a short write), or padded with zeros to a whole block as the agent writes them.
-struct Write {
-  std::vector<Entry> records;
-  bool whole_block = true;
-};
-
-// Runs the tool for one JSON report and makes `writes` into its FIFO once the run has started:
-// the plugin holds the FIFO open from its start, and the trace session is recording by then.
-// Each write waits until the tool has taken the one before out of the FIFO, so that every write
-// is a read of its own.
-e2e::Result run_with_writes(const std::vector<Write>& writes) {
+// Runs the tool for one JSON report and, once the run has started, writes `records` into its
+// FIFO as one block padded with zeros, as the DSP's agent writes them: the plugin holds the FIFO
+// open from its start.
+e2e::Result run_with_block(const std::vector<Entry>& records) {
   e2e::Options options;
   options.once_started = [&] {
-    if (writes.empty()) return;
+    if (records.empty()) return;
     const int fd = ::open(kFifo, O_WRONLY | O_NONBLOCK);
     EXPECT_GE(fd, 0);
-    for (const Write& w : writes) {
-      for (int pending = 1; ::ioctl(fd, FIONREAD, &pending) == 0 && pending > 0;) sched_yield();
-      std::vector<Entry> bytes = w.records;
-      if (w.whole_block) bytes.resize(DspTracePlugin::kEntriesPerBlock);
-      const std::size_t size = bytes.size() * sizeof(Entry);
-      EXPECT_EQ(::write(fd, bytes.data(), size), static_cast<ssize_t>(size));
-    }
+    std::vector<Entry> block = records;
+    block.resize(DspTracePlugin::kEntriesPerBlock);
+    const std::size_t size = block.size() * sizeof(Entry);
+    EXPECT_EQ(::write(fd, block.data(), size), static_cast<ssize_t>(size));
     ::close(fd);
   };
   return e2e::run({"-c", "--no-power", "--dsp-trace", "--json", "-t", "1"}, options);
-}
-
-// A short write, one record alone, is reported at once, and the whole blocks behind it lose
-// nothing: every record counts, in the report and in the trace.
-TEST(DspTrace, AShortWriteAndTheBlocksBehindItAreAllReported) {
-  const std::uint64_t now = emberline::platform::cntvct_to_us(emberline::platform::read_cntvct());
-  auto record = [now](std::uint64_t id, const char* name, std::uint64_t ms) {
-    Entry e{{}, id, now + 1000 * ms, now + 2000 * ms, 0, 0, {}, {}, 5, 0};
-    std::strncpy(e.name, name, sizeof e.name - 1);
-    return e;
-  };
-  auto result = run_with_writes({{{record(1, "short", 1)}, false},
-                                 {{record(2, "first", 2)}},
-                                 {{record(3, "second", 4)}},
-                                 {{record(4, "third", 8)}}});
-  EXPECT_EQ(result.exit_code, 0) << result.err;
-  EXPECT_EQ(result.err.find("Failed"), std::string::npos) << result.err;
-  const auto reports = e2e::lines(result.out);
-  ASSERT_EQ(reports.size(), 1u) << result.out;
-  EXPECT_TRUE(reports[0].ends_with(
-      R"("time_slice_map":{"first":2,"second":4,"short":1,"third":8},"num_slices":4}})"))
-      << reports[0];
-  // Each read takes its own clock offset, so the events are compared without their times.
-  std::vector<std::string> events;
-  for (const std::string& event :
-       trace_test::slice_events(trace_test::read_trace(e2e::only_file(".perfetto-trace")))) {
-    const std::size_t time = event.find(" +");
-    events.push_back(event.substr(0, time) + event.substr(event.find(' ', time + 1)));
-  }
-  const std::string zeros = " dsp_cycle=0 dsp_udma=0 dsp_hmx=0 dsp_pkts=0 dsp_hvx_pkt=0";
-  EXPECT_EQ(events,
-            (std::vector<std::string>{"B DSP_THREAD 5 short" + zeros, "E DSP_THREAD 5" + zeros,
-                                      "B DSP_THREAD 5 first" + zeros, "E DSP_THREAD 5" + zeros,
-                                      "B DSP_THREAD 5 second" + zeros, "E DSP_THREAD 5" + zeros,
-                                      "B DSP_THREAD 5 third" + zeros, "E DSP_THREAD 5" + zeros}));
 }
 
 // Set-up failures are reported and survived, and a FIFO left by a killed run serves; the FIFO
@@ -95,11 +47,11 @@ TEST(DspTrace, AShortWriteAndTheBlocksBehindItAreAllReported) {
 TEST(DspTrace, WaysInAndOut) {
   struct Case {
     void (*prepare)();
-    std::vector<Write> writes;
+    std::vector<Entry> records;
     std::string err, out;
   } cases[] = {
       {[] { ::mkfifo(kFifo, 0666); },
-       {{{{"left", 1, 0, 1000, 0, 0, {}, {}, 3, 0}}}},
+       {{"left", 1, 0, 1000, 0, 0, {}, {}, 3, 0}},
        "Failed to create dsp trace pipe: File exists\n",
        R"("num_slices":1)"},
       {[] { std::filesystem::remove_all("/data/misc"); },
@@ -112,7 +64,7 @@ TEST(DspTrace, WaysInAndOut) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.err);
     c.prepare();
-    auto result = run_with_writes(c.writes);
+    auto result = run_with_block(c.records);
     std::filesystem::create_directories("/data/misc/dsp");
     EXPECT_NE(result.err.find(c.err), std::string::npos) << result.err;
     EXPECT_NE(result.out.find(c.out), std::string::npos) << result.out;

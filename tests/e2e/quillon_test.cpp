@@ -53,8 +53,9 @@ TEST(Quillon, AllShowsEveryChargeAttributeInItsUnit) {
       {"battery/technology", "Li-ion\n", "Bat Technology: Li-ion"},
       {"battery/charge_control_limit", "0\n", "Bat Charge Control Limit: 0"},
       {"battery/current_now", "-500000\n", "Bat Current Now: -0.500A"},
-      {"battery/voltage_max", "4400000\n", "Bat Voltage Max: 4.400V"},
-      {"battery/voltage_ocv", "3950000\n", "Bat Open Circuit Voltage: 3.950V"},
+      // A number is read as far as it goes, and a text that holds none is zero.
+      {"battery/voltage_max", "4400000 uV\n", "Bat Voltage Max: 4.400V"},
+      {"battery/voltage_ocv", "unknown\n", "Bat Open Circuit Voltage: 0.000V"},
       {"battery/charge_type", "Fast\n", "Bat Charge Type: Fast"},
       {"usb/voltage_max", "9000000\n", "USB Voltage Max: 9.000V"},
       {"battery/capacity", "85\n", "Bat Capacity: 85.000%"},
@@ -101,34 +102,41 @@ TEST(Quillon, ChargeAttributesAreReadAfreshAtEveryOutput) {
   }
 }
 
+namespace fs = std::filesystem;
+const std::string kPowercap = "/sys/class/powercap/";
+
+// The headset's own rails go first, so that a test's are all there are.
+void clear_rails() {
+  for (const auto& entry : fs::directory_iterator(kPowercap)) fs::remove_all(entry.path());
+}
+
+void rail(const std::string& dir, const std::string& name, const std::string& power) {
+  fs::create_directories(kPowercap + dir);
+  e2e::write_file(kPowercap + dir + "/name", name);
+  e2e::write_file(kPowercap + dir + "/power_uw", power);
+}
+
 // A directory named "epm:" and a hexadecimal ending is a rail, an upper-case ending too, and a
 // garbled reading leaves it without a number; rails beyond the file table are left out.
 TEST(QuillonRails, OneFieldPerHexadecimalRailDirectory) {
-  namespace fs = std::filesystem;
-  const std::string powercap = "/sys/class/powercap/";
-  auto rail = [&](const std::string& dir, const std::string& name, const std::string& power) {
-    fs::create_directories(powercap + dir);
-    e2e::write_file(powercap + dir + "/name", name);
-    e2e::write_file(powercap + dir + "/power_uw", power);
-  };
   auto shown = [] {
     emberline::QuillonPowerRailsPlugin plugin;
     return plugin.init() ? plugin.to_str() : "failed";
   };
-  for (const auto& entry : fs::directory_iterator(powercap)) fs::remove_all(entry.path());
+  clear_rails();
   rail("epm:a", "gfx\n", "1500000\n");
   rail("epm:1B", "ddr\n", "n/a\n");
-  fs::create_directories(powercap + "epm:");
-  fs::create_directories(powercap + "intel-rapl");
-  e2e::write_file(powercap + "epm:c", "a file, not a rail\n");
+  fs::create_directories(kPowercap + "epm:");
+  fs::create_directories(kPowercap + "intel-rapl");
+  e2e::write_file(kPowercap + "epm:c", "a file, not a rail\n");
   const std::string line = shown();
   EXPECT_TRUE(line == "gfx_rail_0: 1.500W | ddr_rail_1: null" ||
               line == "ddr_rail_0: null | gfx_rail_1: 1.500W")
       << line;
 
-  // A directory of another prefix is looked for under "epm:", and is not found there: the run
-  // goes on without the section.
-  rail("other:2", "cam\n", "1\n");
+  // A directory of another prefix is looked for under "epm:" by what follows its last colon, and
+  // is not found there: the run goes on without the section.
+  rail("other:x:2", "cam\n", "1\n");
   auto result = e2e::run({"-c", "--no-power", "--quillon-rails", "-t", "1"});
   EXPECT_EQ(result.exit_code, 0);
   EXPECT_EQ(result.err.find("ERROR: Failed to find name file for rail directory 'epm:2'.\n"), 0u)
@@ -136,7 +144,7 @@ TEST(QuillonRails, OneFieldPerHexadecimalRailDirectory) {
   EXPECT_EQ(section(result.out, "[Quillon Rails]"), "");
   EXPECT_NE(section(result.out, "sequence: 1 "), "");
 
-  for (const auto& entry : fs::directory_iterator(powercap)) fs::remove_all(entry.path());
+  clear_rails();
   for (int i = 0; i < 50; ++i) rail("epm:" + std::to_string(100 + i), "r\n", "1000\n");
   EXPECT_NE(shown().find("r_rail_47: 0.001W"), std::string::npos);
   EXPECT_EQ(shown().find("r_rail_48"), std::string::npos);
@@ -146,22 +154,16 @@ TEST(QuillonRails, OneFieldPerHexadecimalRailDirectory) {
 // rail no field, and of two lines the report keeps the first value for the run. Later readings
 // follow the node of a one-line rail at every output.
 TEST(QuillonRails, AtStartEachLineMakesTheRailsValue) {
-  namespace fs = std::filesystem;
-  const std::string powercap = "/sys/class/powercap/";
-  for (const auto& entry : fs::directory_iterator(powercap)) fs::remove_all(entry.path());
+  clear_rails();
   const std::map<std::string, std::pair<std::string, std::string>> rails{
       {"epm:a", {"two", "1500000\n2500000\n"}},
       {"epm:b", {"empty", ""}},
       {"epm:c", {"one", "750000\n"}}};
-  for (const auto& [dir, rail] : rails) {
-    fs::create_directories(powercap + dir);
-    e2e::write_file(powercap + dir + "/name", rail.first + "\n");
-    e2e::write_file(powercap + dir + "/power_uw", rail.second);
-  }
+  for (const auto& [dir, r] : rails) rail(dir, r.first + "\n", r.second);
   // A rail's key holds its place in the listing, which nothing sorts.
   std::map<std::string, std::string> key;
   int position = 0;
-  for (const auto& entry : fs::directory_iterator(powercap)) {
+  for (const auto& entry : fs::directory_iterator(kPowercap)) {
     const std::string dir = entry.path().filename();
     key[dir] = rails.at(dir).first + "_rail_" + std::to_string(position++);
   }
@@ -170,7 +172,7 @@ TEST(QuillonRails, AtStartEachLineMakesTheRailsValue) {
   auto shown = [&](const std::string& two, const std::string& one) {
     std::map<std::string, std::string> fields{{key["epm:a"], two}, {key["epm:c"], one}};
     std::string text;
-    for (const auto& entry : fs::directory_iterator(powercap)) {
+    for (const auto& entry : fs::directory_iterator(kPowercap)) {
       const std::string dir = entry.path().filename();
       if (fields.count(key[dir])) {
         text += (text.empty() ? "" : " | ") + key[dir] + ": " + fields[key[dir]];
@@ -186,9 +188,9 @@ TEST(QuillonRails, AtStartEachLineMakesTheRailsValue) {
                                                {"5000000\n", "20\n", "0.000W"},
                                                {"", "3333333\n", "3.333W"},
                                                {"6000000\n", "", "3.333W"}}) {
-    e2e::write_file(powercap + "epm:a/power_uw", two);
-    e2e::write_file(powercap + "epm:c/power_uw", one);
-    e2e::write_file(powercap + "epm:b/power_uw", "9000000\n");
+    e2e::write_file(kPowercap + "epm:a/power_uw", two);
+    e2e::write_file(kPowercap + "epm:c/power_uw", one);
+    e2e::write_file(kPowercap + "epm:b/power_uw", "9000000\n");
     ASSERT_TRUE(plugin->on_output());
     EXPECT_EQ(plugin->to_str(), shown("1.500W", watts)) << one;
   }

@@ -110,18 +110,11 @@ TEST(Stats, LosingProcStatEndsTheRunWithOneAndGivesChargingBack) {
 // FB_BLANK_POWERDOWN (4, in any base "%i" reads) turns the screen off.
 TEST(Stats, ScreenIsOffOnlyWhenTheBacklightIsPoweredDown) {
   emberline::StatsPlugin stats(false);
-  for (auto [content, on] : std::vector<std::pair<std::string, bool>>{{"0\n", true},
-                                                                      {"4\n", false},
-                                                                      {"1\n", true},
-                                                                      {"2\n", true},
-                                                                      {"0x4\n", false},
-                                                                      {"3\n", true},
-                                                                      {"04\n", false},
-                                                                      {"010\n", true},
-                                                                      {"-4\n", true},
-                                                                      {"4\n", false},
-                                                                      {"garbage\n", true},
-                                                                      {"44\n", true}}) {
+  const std::pair<const char*, bool> cases[] = {
+      {"0\n", true},    {"4\n", false}, {"1\n", true},       {"2\n", true},
+      {"0x4\n", false}, {"3\n", true},  {"04\n", false},     {"010\n", true},
+      {"-4\n", true},   {"4\n", false}, {"garbage\n", true}, {"44\n", true}};
+  for (auto [content, on] : cases) {
     e2e::write_file("/sys/class/backlight/panel0-backlight/bl_power", content);
     bool screen = !on;
     ASSERT_TRUE(stats.is_screen_on(screen)) << content;

@@ -303,12 +303,10 @@ TEST_F(SandboxTest, ExitStatusIsTheCommandsAndSignalsReachIt) {
   const char* wait = "touch $EMBERLINE_SIM_STATE/ready; for i in $(seq 1000); do sleep 0.01; done";
   // The signal sent once COMMAND is ready, what COMMAND does, the sim's status. KILL goes to
   // bwrap, the sim's child, which then has no status of its own to give.
-  for (auto [signal, then, status] : {std::tuple{0, "exit 7", 7},
-                                      {0, "kill -KILL $$", 137},
-                                      {SIGHUP, wait, 41},
-                                      {SIGINT, wait, 42},
-                                      {SIGTERM, wait, 43},
-                                      {SIGKILL, wait, 137}}) {
+  const std::tuple<int, const char*, int> cases[] = {{0, "exit 7", 7},    {0, "kill -KILL $$", 137},
+                                                     {SIGHUP, wait, 41},  {SIGINT, wait, 42},
+                                                     {SIGTERM, wait, 43}, {SIGKILL, wait, 137}};
+  for (auto [signal, then, status] : cases) {
     TemporaryDir state;
     Outcome o = run_sim(
         {"run", "--frozen", "--state", state.path(), "--", "sh", "-c",

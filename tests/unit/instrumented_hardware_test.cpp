@@ -1,4 +1,4 @@
-// Conversions and statistics of the charge, rail and DRAM plugins, on text in-process.
+// Conversions and statistics of the rail and DRAM plugins, on text in-process.
 
 #include <gtest/gtest.h>
 
@@ -7,30 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "plugins/charge_plugin.h"
 #include "plugins/power_rails_plugin.h"
 #include "plugins/quillon_dram_bandwidth_plugin.h"
 #include "plugins/quillon_power_rails_plugin.h"
 
 namespace emberline {
 namespace {
-
-TEST(ChargeReadings, EachTypeScalesByItsOwnDivisor) {
-  struct Case {
-    const char* text;
-    SysfsNodeType type;
-    float expected;
-  } cases[] = {
-      {"85", SysfsNodeType::PERCENTAGE, 0.85f},   {"312", SysfsNodeType::TEMPERATURE, 31.2f},
-      {"4100000", SysfsNodeType::VOLTAGE, 4.1f},  {"-500000", SysfsNodeType::CURRENT, -0.5f},
-      {"25000000", SysfsNodeType::POWER, 2.5f},   {"1200", SysfsNodeType::TIME, 120.0f},
-      {"12x", SysfsNodeType::VOLTAGE, 0.000012f}, {"garbage", SysfsNodeType::CURRENT, 0.0f},
-      {"", SysfsNodeType::TEMPERATURE, 0.0f},
-  };
-  for (const auto& c : cases) {
-    EXPECT_FLOAT_EQ(sysfs_reading(c.text, c.type), c.expected) << c.text;
-  }
-}
 
 TEST(RailReadings, FactorsAndMicrowattsBecomeWatts) {
   EXPECT_FLOAT_EQ(rail_watts(3800000, 500000), 1.9f);
@@ -45,18 +27,6 @@ TEST(RailReadings, FactorsAndMicrowattsBecomeWatts) {
     EXPECT_EQ(microwatts_to_watts(line), watts) << line;
   }
   // clang-format on
-}
-
-TEST(RailReadings, OnlyHexadecimalEndingsNameARail) {
-  struct Case {
-    std::string entry, ending;
-  } cases[] = {
-      {"/sys/class/powercap/epm:0", "0"},     {"/sys/class/powercap/epm:1A", "1A"},
-      {"/sys/class/powercap/other:ff", "ff"}, {"/sys/class/powercap/a:b:c0", "c0"},
-      {"/sys/class/powercap/epm:", ""},       {"/sys/class/powercap/epm:1g", ""},
-      {"/sys/class/powercap/intel-rapl", ""}, {"abc", "abc"},
-  };
-  for (const auto& c : cases) EXPECT_EQ(rail_ending(c.entry), c.ending) << c.entry;
 }
 
 TEST(DramSamples, MalformedLinesAreSkipped) {

@@ -70,12 +70,10 @@ TEST_F(Node, ReadNodeTellsWholeFromCutAndKeepsItsBuffer) {
 }
 
 TEST(Lines, EveryLineWithoutItsEndAndAStopOnFalse) {
-  for (auto [text, joined] : std::vector<std::pair<std::string, std::string>>{{"", ""},
-                                                                              {"a", "a|"},
-                                                                              {"a\n", "a|"},
-                                                                              {"a\nb", "a|b|"},
-                                                                              {"\n\nb\n", "||b|"},
-                                                                              {"a\r\n", "a\r|"}}) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"", ""},         {"a", "a|"},         {"a\n", "a|"},
+      {"a\nb", "a|b|"}, {"\n\nb\n", "||b|"}, {"a\r\n", "a\r|"}};
+  for (const auto& [text, joined] : cases) {
     std::string seen;
     emberline::os::for_each_line(text,
                                  [&](std::string_view line) { seen += std::string(line) + "|"; });
