@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -166,6 +167,29 @@ TEST_F(TraceTest, NamesGoOutOncePerSequenceAndSession) {
     EXPECT_EQ(sequences[1].second, other_thread);
     EXPECT_EQ(sequences[2].second, Lines(main_thread.begin() + 4, main_thread.end()));
   }
+
+  // Enough names for the table of addresses to grow: each goes out once and reads back as itself.
+  static const auto names = [] {
+    std::vector<std::string> made;
+    for (int i = 0; i < 300; ++i) made.push_back("task " + std::to_string(i));
+    return made;
+  }();
+  ASSERT_TRUE(start_session(path("c"), true));
+  for (int round = 0; round < 2; ++round) {
+    for (const std::string& name : names) TrackEvent::SliceBegin(dsp, {3, 0}, name.c_str());
+  }
+  stop_session();
+  Interning interning;
+  Lines read, texts;
+  for (const Message& packet : read_trace(path("c"))) {
+    if (auto name = interning.read(packet).name) read.push_back(*name);
+    for (const Message& interned : packet.messages(kInternedData)) {
+      for (const Message& entry : interned.messages(kEventNames)) texts.push_back(*entry.text(2));
+    }
+  }
+  EXPECT_EQ(texts, names);
+  EXPECT_EQ(read.size(), 2 * names.size());
+  EXPECT_TRUE(std::equal(names.begin(), names.end(), read.begin() + names.size()));
 }
 
 // Varints of every width, at both ends of it, each ending where the next field starts.
