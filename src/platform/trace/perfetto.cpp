@@ -309,17 +309,31 @@ Batch& gathering() {
   return batches.batch[batches.gathering.load(std::memory_order_acquire)];
 }
 
+// Writes `size` bytes at the batch's place and moves the place behind them. The batch is emptied
+// before its place moves, so that a handler in between writes nothing rather than write its
+// bytes where they do not go.
+bool write_and_advance(Batch& batch, const char* data, std::size_t size) {
+  const std::uint64_t at = batch.at.load(std::memory_order_relaxed);
+  const bool whole = write_at(data, size, at);
+  batch.size.store(0, std::memory_order_release);
+  batch.at.store(at + size, std::memory_order_release);
+  if (!whole) end_recording();
+  return whole;
+}
+
 // Writes the gathered packets where they go, and empties the batch.
 bool write_gathered() {
   Batch& batch = gathering();
   const std::size_t size = batch.size.load(std::memory_order_acquire);
   if (size == 0) return open_fd() >= 0;
-  const std::uint64_t at = batch.at.load(std::memory_order_relaxed);
-  const bool whole = write_at(batch.bytes, size, at);
-  batch.size.store(0, std::memory_order_release);
-  batch.at.store(at + size, std::memory_order_release);
-  if (!whole) end_recording();
-  return whole;
+  return write_and_advance(batch, batch.bytes, size);
+}
+
+// Writes a batch handed to the writer thread, which stays where it is until it is handed back.
+bool write_handed(int writing) {
+  const Batch& batch = batches.batch[writing];
+  return write_at(batch.bytes, batch.size.load(std::memory_order_acquire),
+                  batch.at.load(std::memory_order_acquire));
 }
 
 // Waits until the writer thread has no batch. A write of its that stopped short ends recording
@@ -361,10 +375,7 @@ void write_handed_batches() {
   ::pthread_setname_np(::pthread_self(), "TraceWriter");
   for (;;) {
     batches.writing.wait(-1, std::memory_order_acquire);
-    const int writing = batches.writing.load(std::memory_order_acquire);
-    const Batch& batch = batches.batch[writing];
-    if (!write_at(batch.bytes, batch.size.load(std::memory_order_acquire),
-                  batch.at.load(std::memory_order_acquire))) {
+    if (!write_handed(batches.writing.load(std::memory_order_acquire))) {
       category().store(0, std::memory_order_relaxed);
       batches.writer_failed.store(true, std::memory_order_release);
     }
@@ -392,13 +403,9 @@ void start_writer() {
 void write_for_handler() {
   if (batches.writer_failed.load(std::memory_order_acquire)) return;
   const int writing = batches.writing.load(std::memory_order_acquire);
-  if (writing >= 0) {
-    const Batch& batch = batches.batch[writing];
-    if (!write_at(batch.bytes, batch.size.load(std::memory_order_acquire),
-                  batch.at.load(std::memory_order_acquire))) {
-      end_recording();
-      return;
-    }
+  if (writing >= 0 && !write_handed(writing)) {
+    end_recording();
+    return;
   }
   write_gathered();
 }
@@ -409,12 +416,7 @@ void append(const std::string& packet) {
   if (packet.size() > emberline::trace::kBatchBytes - gathering().size.load()) {
     if (packet.size() > emberline::trace::kBatchBytes) {
       // Written on its own, behind everything gathered.
-      if (!flush_batch()) return;
-      Batch& batch = gathering();
-      const std::uint64_t at = batch.at.load(std::memory_order_relaxed);
-      const bool whole = write_at(packet.data(), packet.size(), at);
-      batch.at.store(at + packet.size(), std::memory_order_release);
-      if (!whole) end_recording();
+      if (flush_batch()) write_and_advance(gathering(), packet.data(), packet.size());
       return;
     }
     if (!hand_off()) return;
@@ -514,8 +516,6 @@ void add_process_track(State& s) {
 // holds the same text for the whole process.
 class Interner {
  public:
-  Interner() : slots_(kFirstSlots) {}
-
   void clear() {
     std::fill(slots_.begin(), slots_.end(), Slot{});
     used_ = 0;
@@ -524,9 +524,12 @@ class Interner {
   // The number of `name`, and whether it is fresh: a fresh name's text must go out with the
   // packet that first refers to it.
   std::uint64_t find(const char* name, bool& fresh) {
-    const Slot& slot = slots_[slot_of(name)];
-    fresh = slot.name != name;
-    return fresh ? find_further(name, fresh) : slot.iid;
+    if (!slots_.empty()) {
+      const Slot& slot = slots_[slot_of(name)];
+      fresh = slot.name != name;
+      if (!fresh) return slot.iid;
+    }
+    return find_further(name, fresh);
   }
 
  private:
@@ -541,7 +544,10 @@ class Interner {
     return static_cast<std::size_t>((address * 0x9e3779b97f4a7c15ull) >> 40) & (slots_.size() - 1);
   }
 
+  // The table is made on the first name, so that a thread that writes counters alone never
+  // allocates one.
   [[gnu::noinline]] std::uint64_t find_further(const char* name, bool& fresh) {
+    if (slots_.empty()) slots_.resize(kFirstSlots);
     std::size_t i = slot_of(name);
     for (; slots_[i].name != nullptr; i = (i + 1) & (slots_.size() - 1)) {
       if (slots_[i].name == name) {
